@@ -1,0 +1,39 @@
+# Thin driver around CMake. `make run` starts the console on the bundled
+# kernel; `make test` builds and runs the whole test suite.
+BUILD   ?= build
+ASAN    ?= build-asan
+JOBS    ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all setup build run test sanitize bench clean
+
+all: build
+
+setup:
+	@./scripts/setup.sh
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+
+build: setup $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	cd $(BUILD)/bin && ./tamcon
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+$(ASAN)/CMakeCache.txt:
+	cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DTAMIX_SANITIZE=ON -DTAMIX_BENCH=OFF $(CMAKE_FLAGS)
+
+sanitize: setup $(ASAN)/CMakeCache.txt
+	cmake --build $(ASAN) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(ASAN) --output-on-failure -j $(JOBS)
+
+bench: build
+	$(BUILD)/bin/tamix_bench
+
+clean:
+	rm -rf $(BUILD) $(ASAN)
