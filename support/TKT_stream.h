@@ -49,8 +49,6 @@ public:
 // constructors move it back.
 class TKmemoryStream : public TKrandomAccessStream {
 public:
-    using TKstream::status;
-
     long read(void* buff, unsigned long len, unsigned long& count) override;
     long flush() override;
     bool eom() const override;
