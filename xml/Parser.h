@@ -37,7 +37,7 @@ public:
     void splitName(const char* name, const char*& ns, const char*& local);
 
     // Namespace URI and local name are joined by this byte in expat names.
-    static const char NsSeparator = '\x01';
+    static constexpr char NsSeparator = '\x01';
 
 protected:
     static void XMLCALL startHdl(void* userData, const char* name, const char** atts);
