@@ -1,0 +1,27 @@
+// The parser of one kernel process's message stream. The stream has no
+// enclosing document, so init() opens a root element that never ends; every
+// chunk read from the kernel then goes to saveParse(), which never lets an
+// exception out.
+#ifndef TAMIX_XMSG_TAM_XMSGPARSER_H
+#define TAMIX_XMSG_TAM_XMSGPARSER_H
+
+#include "xml/Parser.h"
+#include "xmsg/TAM_XmsgParserHandler.h"
+
+class TAM_XmsgParser : public Xml::Parser {
+public:
+    // Namespace processing off, input taken as UTF-8 whatever it declares.
+    // The handler is not owned and must outlive the parser.
+    explicit TAM_XmsgParser(TAM_XmsgParserHandler* handler);
+    ~TAM_XmsgParser() override;
+
+    // Feeds the root start tag; call once before the first kernel byte.
+    virtual bool init();
+
+    // parse(data, len, false). An exception raised while the handler works on
+    // the chunk is caught: the handler's cleanup() runs and the result is
+    // false. Malformed input makes this and every later call fail.
+    bool saveParse(const char* data, int len);
+};
+
+#endif
