@@ -127,7 +127,6 @@ protected:
     void endMCode();
     // Delivers a debugger list message after checking the list lengths.
     void endDebugList(int id);
-    void startMessageNow(int id, const char* const* values);
 
     TAM_KernelImpl* kernel_;          // current client, not owned
     TKbase64Decoder decoder_;         // base64 text of an mcode element
