@@ -133,6 +133,8 @@ int ustrncmp(const unsigned short* a, const unsigned short* b, unsigned long n);
 unsigned short* ustrchr(const unsigned short* s, unsigned short c);
 unsigned short* ustrrchr(const unsigned short* s, unsigned short c);
 unsigned short* ustrdup(const unsigned short* s);
+// An empty sub is found at the start of a non-empty s (as strstr does); an
+// empty s gives null whatever sub is.
 unsigned short* ustrstr(const unsigned short* s, const unsigned short* sub);
 
 } // namespace Tut
