@@ -6,11 +6,73 @@ namespace {
 // opened before the first kernel byte and never closed.
 const char kRootTag[] = "<TamixXMsgClientMessage>";
 
+// Exceptions and expat.
+//
+// An exception must not unwind through expat: expat is C, and even where the
+// unwinding happens to work, expat has not yet recorded how far it got, so
+// the next chunk would parse the same bytes again and the message that threw
+// would throw forever. The callbacks therefore catch everything themselves
+// and suspend the parser; saveParse sees the suspension, runs the handler's
+// cleanup() and resumes with the rest of the chunk. Only the message that
+// threw is lost; the ones after it are delivered as usual. The parser
+// suspends for no other reason, so the suspension itself is the record that
+// something was thrown.
+
+bool suspended(XML_Parser p)
+{
+    XML_ParsingStatus st;
+    XML_GetParsingStatus(p, &st);
+    return st.parsing == XML_SUSPENDED;
+}
+
 } // namespace
+
+void XMLCALL TAM_XmsgParser::guardedStart(void* userData, const char* name, const char** atts)
+{
+    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
+    // expat may still report an empty element's end after a stop; the
+    // message that threw gets no further events.
+    if (suspended(p))
+        return;
+    try {
+        startHdl(userData, name, atts);
+    } catch (...) {
+        XML_StopParser(p, XML_TRUE);
+    }
+}
+
+void XMLCALL TAM_XmsgParser::guardedEnd(void* userData, const char* name)
+{
+    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
+    if (suspended(p))
+        return;
+    try {
+        endHdl(userData, name);
+    } catch (...) {
+        XML_StopParser(p, XML_TRUE);
+    }
+}
+
+void XMLCALL TAM_XmsgParser::guardedChars(void* userData, const char* data, int len)
+{
+    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
+    if (suspended(p))
+        return;
+    try {
+        charHdl(userData, data, len);
+    } catch (...) {
+        XML_StopParser(p, XML_TRUE);
+    }
+}
 
 TAM_XmsgParser::TAM_XmsgParser(TAM_XmsgParserHandler* handler)
     : Xml::Parser(handler, false, "UTF-8")
 {
+    if (parser_) {
+        XML_SetElementHandler(parser_, &TAM_XmsgParser::guardedStart,
+                              &TAM_XmsgParser::guardedEnd);
+        XML_SetCharacterDataHandler(parser_, &TAM_XmsgParser::guardedChars);
+    }
 }
 
 TAM_XmsgParser::~TAM_XmsgParser() = default;
@@ -22,14 +84,27 @@ bool TAM_XmsgParser::init()
 
 bool TAM_XmsgParser::saveParse(const char* data, int len)
 {
+    bool ok;
     try {
-        return parse(data, len, false);
+        ok = parse(data, len, false);
     } catch (...) {
-        // Whatever the handler threw (a failed allocation, a client handler's
-        // exception) must not reach the input loop; the half-read message is
-        // dropped.
+        // Nothing below parse() is expected to throw past the guards; if it
+        // does, the chunk is given up like a failed one.
         if (handler_)
             handler_->cleanup();
         return false;
     }
+    // A handler threw: drop the message state and go on with the rest of
+    // the chunk, which may throw again.
+    while (parser_ && suspended(parser_)) {
+        ok = false;
+        if (handler_)
+            handler_->cleanup();
+        if (XML_ResumeParser(parser_) == XML_STATUS_ERROR) {
+            if (handler_)
+                handler_->cleanup();
+            break;
+        }
+    }
+    return ok;
 }

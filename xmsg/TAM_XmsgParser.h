@@ -22,6 +22,12 @@ public:
     // the chunk is caught: the handler's cleanup() runs and the result is
     // false. Malformed input makes this and every later call fail.
     bool saveParse(const char* data, int len);
+
+private:
+    // expat callbacks that keep exceptions out of expat (see the .cpp).
+    static void XMLCALL guardedStart(void* userData, const char* name, const char** atts);
+    static void XMLCALL guardedEnd(void* userData, const char* name);
+    static void XMLCALL guardedChars(void* userData, const char* data, int len);
 };
 
 #endif
