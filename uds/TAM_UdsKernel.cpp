@@ -1,0 +1,120 @@
+// Client connections over a kernel process's socket.
+#include "uds/TAM_UdsKernel.h"
+
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+
+#include "uds/TAM_UdsKernelProcess.h"
+
+TAM_UdsKernel::TAM_UdsKernel(TAM_UdsKernelProcess* proc)
+    : proc_(proc), clientId_(-1), stream_(512, 512)
+{
+}
+
+TAM_UdsKernel::~TAM_UdsKernel()
+{
+    if (clientId_ >= 0)
+        TAM_XmsgKernel::send_quit();
+
+    TAM_UdsKernelProcess* proc = proc_;
+    proc_ = nullptr;
+    if (!proc)
+        return;
+    int pid = proc->get_pid();
+    proc->remove_kernel(this);
+    // A quitting process still registered holds one reference of its own,
+    // which the input loop gives back; it is not a client's.
+    bool quitRef = false;
+    if (proc->is_quitting()) {
+        for (TAM_UdsKernelProcess* p : TAM_UdsKernelProcess::gProcs_) {
+            if (p == proc) {
+                quitRef = true;
+                break;
+            }
+        }
+    }
+    long left = proc->release();  // may destroy proc
+    bool lastClient = left <= 0 || (quitRef && left <= 1);
+    // Only the last client waits for a kernel launched here: while other
+    // clients still use it the kernel keeps running, and waiting for it
+    // would block this caller for as long as they do.
+    if (pid != 0 && lastClient) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+long TAM_UdsKernel::send_bytes(int fd, const void* data, std::size_t len)
+{
+    // MSG_NOSIGNAL stands in for SO_NOSIGPIPE where the platform lacks it.
+#ifdef MSG_NOSIGNAL
+    const int flags = MSG_NOSIGNAL;
+#else
+    const int flags = 0;
+#endif
+    return static_cast<long>(send(fd, data, len, flags));
+}
+
+int TAM_UdsKernel::set_kernel_name(const char* name)
+{
+    return proc_ ? proc_->set_kernel_name(name) : 0;
+}
+
+const char* TAM_UdsKernel::get_kernel_name() const
+{
+    return proc_ ? proc_->get_kernel_name() : nullptr;
+}
+
+int TAM_UdsKernel::get_client_fd() const
+{
+    return proc_ ? proc_->get_fd() : -1;
+}
+
+const char* TAM_UdsKernel::get_listen_path() const
+{
+    return proc_ ? proc_->get_listen_path() : nullptr;
+}
+
+void TAM_UdsKernel::xbegin(const char* name, unsigned long len)
+{
+    status_ = stream_.clear();
+    if (status_ != TKstream::Ok)
+        return;
+    if (!proc_) {
+        status_ = TKstream::Error;
+        return;
+    }
+    TAM_XmsgKernel::xbegin(name, len);
+}
+
+int TAM_UdsKernel::xend()
+{
+    if (!TAM_XmsgKernel::xend() || !proc_)
+        return 0;
+    // One send; a short count is not retried (the socket is blocking, so
+    // it does not happen short of an error).
+    return send_bytes(proc_->get_fd(), stream_.data(), stream_.length()) >= 0 ? 1 : 0;
+}
+
+int TAM_UdsKernel::send_new_client(const char* name, const char* frame, long features,
+                                   unsigned char longfmt, unsigned char floatfmt,
+                                   unsigned char coding)
+{
+    // A client announces itself once: a second announcement would have the
+    // kernel assign it a second id.
+    if (!proc_ || clientId_ >= 0 || proc_->is_pending(this))
+        return 0;
+    if (!name)
+        name = "";
+    if (!frame)
+        frame = "";
+    if (!TAM_XmsgKernel::send_new_client(name, frame, features, longfmt, floatfmt, coding) ||
+        status_ != TKstream::Ok)
+        return 0;
+    if (send_bytes(proc_->get_fd(), stream_.data(), stream_.length()) < 0)
+        return 0;
+    return proc_->add_kernel(this);
+}
