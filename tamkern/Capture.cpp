@@ -1,0 +1,191 @@
+#include "tamkern/Capture.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace tamkern {
+
+namespace {
+// Where the log goes: the original standard error, also after descriptor 2
+// has been redirected.
+int gLogFd = 2;
+std::mutex gLogMutex;
+}
+
+void klog(const char* fmt, ...)
+{
+    char line[1024];
+    int n = std::snprintf(line, sizeof line, "tamkern: ");
+    va_list ap;
+    va_start(ap, fmt);
+    int m = std::vsnprintf(line + n, sizeof line - n - 1, fmt, ap);
+    va_end(ap);
+    if (m < 0)
+        m = 0;
+    std::size_t len = std::min<std::size_t>(n + m, sizeof line - 2);
+    line[len++] = '\n';
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    std::size_t done = 0;
+    while (done < len) {
+        ssize_t w = ::write(gLogFd, line + done, len - done);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            break;
+        done += static_cast<std::size_t>(w);
+    }
+}
+
+OutputCapture::~OutputCapture()
+{
+    stop();
+}
+
+bool OutputCapture::start()
+{
+    if (pipeRead_ >= 0)
+        return true;
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        klog("cannot create the output pipe: %s", std::strerror(errno));
+        return false;
+    }
+    int out = ::fcntl(1, F_DUPFD_CLOEXEC, 3);
+    int err = ::fcntl(2, F_DUPFD_CLOEXEC, 3);
+    if (out < 0 || err < 0) {
+        klog("cannot keep the standard descriptors: %s", std::strerror(errno));
+        for (int fd : {fds[0], fds[1], out, err})
+            if (fd >= 0)
+                ::close(fd);
+        return false;
+    }
+    std::fflush(stdout);
+    std::fflush(stderr);
+    {
+        std::lock_guard<std::mutex> lock(gLogMutex);
+        gLogFd = err;
+    }
+#if defined(__SANITIZE_ADDRESS__)
+    // Sanitizer reports belong on the real standard error, not in a client's
+    // output.
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<long>(err)));
+#endif
+    ::dup2(fds[1], 1);
+    ::dup2(fds[1], 2);
+    // The reader must never block a writer for long, and take() reads the
+    // pipe empty without waiting.
+    ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    pipeRead_ = fds[0];
+    pipeWrite_ = fds[1];
+    savedOut_ = out;
+    savedErr_ = err;
+    thread_ = std::thread(&OutputCapture::reader, this);
+    return true;
+}
+
+void OutputCapture::stop()
+{
+    if (pipeRead_ < 0)
+        return;
+    std::fflush(stdout);
+    std::fflush(stderr);
+    // Once every write end is gone the reader sees the end of the pipe.
+    ::dup2(savedOut_, 1);
+    ::dup2(savedErr_, 2);
+    ::close(pipeWrite_);
+    pipeWrite_ = -1;
+    if (thread_.joinable())
+        thread_.join();
+    {
+        std::lock_guard<std::mutex> lock(gLogMutex);
+        gLogFd = 2;
+    }
+#if defined(__SANITIZE_ADDRESS__)
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(2L));
+#endif
+    ::close(pipeRead_);
+    ::close(savedOut_);
+    ::close(savedErr_);
+    pipeRead_ = savedOut_ = savedErr_ = -1;
+    std::string rest;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        rest.swap(buffer_);
+    }
+    if (!rest.empty())
+        klog("output after the last command: %.200s", rest.c_str());
+}
+
+void OutputCapture::reader()
+{
+    for (;;) {
+        pollfd p{pipeRead_, POLLIN, 0};
+        int r = ::poll(&p, 1, -1);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0)
+            return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        char buf[4096];
+        ssize_t n = ::read(pipeRead_, buf, sizeof buf);
+        if (n == 0)
+            return;  // all writers gone
+        if (n > 0)
+            appendLocked(buf, static_cast<std::size_t>(n));
+        else if (errno != EAGAIN && errno != EINTR)
+            return;
+    }
+}
+
+void OutputCapture::drainLocked()
+{
+    char buf[4096];
+    for (;;) {
+        ssize_t n = ::read(pipeRead_, buf, sizeof buf);
+        if (n > 0)
+            appendLocked(buf, static_cast<std::size_t>(n));
+        else if (n < 0 && errno == EINTR)
+            continue;
+        else
+            return;
+    }
+}
+
+void OutputCapture::appendLocked(const char* data, std::size_t len)
+{
+    if (buffer_.size() >= Limit) {
+        truncated_ = true;
+        return;
+    }
+    std::size_t room = Limit - buffer_.size();
+    if (len > room) {
+        len = room;
+        truncated_ = true;
+    }
+    buffer_.append(data, len);
+}
+
+std::string OutputCapture::take()
+{
+    std::string out;
+    if (pipeRead_ < 0)
+        return out;
+    std::lock_guard<std::mutex> lock(mutex_);
+    drainLocked();
+    out.swap(buffer_);
+    if (truncated_)
+        out += "\n[further output dropped]\n";
+    truncated_ = false;
+    return out;
+}
+
+} // namespace tamkern

@@ -1,0 +1,56 @@
+// The kernel's log and the capture of everything written to descriptors 1
+// and 2. The kernel shares its terminal with the front end that launched it,
+// so nothing that Giac or the libraries under it print may reach that
+// terminal: descriptors 1 and 2 are redirected into a pipe whose contents
+// become error outputs of the running command, and the kernel's own log goes
+// to a private copy of the original standard error.
+#ifndef TAMKERN_CAPTURE_H
+#define TAMKERN_CAPTURE_H
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace tamkern {
+
+// One line "tamkern: ..." on the log. Safe from any thread.
+void klog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+class OutputCapture {
+public:
+    OutputCapture() = default;
+    ~OutputCapture();
+    OutputCapture(const OutputCapture&) = delete;
+    OutputCapture& operator=(const OutputCapture&) = delete;
+
+    // Redirects descriptors 1 and 2; false (with the reason logged) if the
+    // pipe or the reader could not be set up, in which case nothing changed.
+    bool start();
+    // Puts descriptors 1 and 2 back and ends the reader.
+    void stop();
+    // Everything captured so far, including what is still in the pipe; the
+    // caller must have flushed its own buffered streams first.
+    std::string take();
+
+    // Captured text kept at most; the rest is dropped with a note.
+    static const std::size_t Limit = 64 * 1024;
+
+private:
+    void reader();
+    void drainLocked();
+    void appendLocked(const char* data, std::size_t len);
+
+    int pipeRead_ = -1;
+    int pipeWrite_ = -1;
+    int savedOut_ = -1;
+    int savedErr_ = -1;
+    std::mutex mutex_;
+    std::string buffer_;
+    bool truncated_ = false;
+    std::thread thread_;
+};
+
+} // namespace tamkern
+
+#endif

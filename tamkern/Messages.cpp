@@ -1,0 +1,324 @@
+#include "tamkern/Messages.h"
+
+#include <cstdio>
+#include <zlib.h>
+
+#include "support/TKbase64.h"
+
+namespace tamkern {
+
+namespace {
+
+// Length of the valid UTF-8 sequence at s[i], or 0 if there is none
+// (overlong forms, surrogates and code points above U+10FFFF are invalid).
+std::size_t utf8Length(std::string_view s, std::size_t i)
+{
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    std::size_t need;
+    unsigned cp;
+    if (c < 0x80)
+        return 1;
+    if (c >= 0xC2 && c <= 0xDF) {
+        need = 1;
+        cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        need = 2;
+        cp = c & 0x0F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        need = 3;
+        cp = c & 0x07;
+    } else {
+        return 0;
+    }
+    if (i + need >= s.size())
+        return 0;
+    for (std::size_t k = 1; k <= need; ++k) {
+        unsigned char d = static_cast<unsigned char>(s[i + k]);
+        if ((d & 0xC0) != 0x80)
+            return 0;
+        cp = (cp << 6) | (d & 0x3F);
+    }
+    if ((need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000) || cp > 0x10FFFF ||
+        (cp >= 0xD800 && cp <= 0xDFFF))
+        return 0;
+    return need + 1;
+}
+
+} // namespace
+
+void appendEscaped(std::string& out, std::string_view text)
+{
+    for (std::size_t i = 0; i < text.size();) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x80) {
+            std::size_t n = utf8Length(text, i);
+            if (n == 0) {
+                out += "\xEF\xBF\xBD";
+                ++i;
+            } else {
+                out.append(text.substr(i, n));
+                i += n;
+            }
+            continue;
+        }
+        switch (c) {
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '&': out += "&amp;"; break;
+        case '"': out += "&quot;"; break;
+        case '\'': out += "&apos;"; break;
+        case '\n': out += "&#10;"; break;
+        case '\r': out += "&#13;"; break;
+        case '\t': out += "&#9;"; break;
+        default:
+            if (c >= 0x20 && c != 0x7F)
+                out += static_cast<char>(c);
+            break;
+        }
+        ++i;
+    }
+}
+
+std::string escaped(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    appendEscaped(out, text);
+    return out;
+}
+
+void appendMCode(std::string& out, std::string_view format, std::string_view bytes)
+{
+    out += "<mcode format=\"";
+    appendEscaped(out, format);
+    out += "\">";
+    z_stream z{};
+    if (deflateInit(&z, Z_DEFAULT_COMPRESSION) != Z_OK) {
+        out += "</mcode>";
+        return;
+    }
+    TKbase64Encoder enc;
+    unsigned char zbuf[1024];
+    unsigned char cbuf[1400];
+    auto drainEncoder = [&]() {
+        long n;
+        while ((n = enc.read(cbuf, sizeof cbuf)) > 0)
+            out.append(reinterpret_cast<const char*>(cbuf), static_cast<std::size_t>(n));
+    };
+    const unsigned char* src = reinterpret_cast<const unsigned char*>(bytes.data());
+    std::size_t left = bytes.size();
+    int rc = Z_OK;
+    while (rc != Z_STREAM_END) {
+        if (z.avail_in == 0 && left > 0) {
+            // Feed in pieces: zlib counts its input in 32 bits.
+            uInt piece = static_cast<uInt>(std::min<std::size_t>(left, 1u << 30));
+            z.next_in = const_cast<unsigned char*>(src);
+            z.avail_in = piece;
+            src += piece;
+            left -= piece;
+        }
+        z.next_out = zbuf;
+        z.avail_out = sizeof zbuf;
+        rc = deflate(&z, left > 0 ? Z_NO_FLUSH : Z_FINISH);
+        std::size_t produced = sizeof zbuf - z.avail_out;
+        if (produced > 0) {
+            enc.write(zbuf, static_cast<long>(produced));
+            drainEncoder();
+        }
+        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR)
+            break;
+    }
+    enc.messageEnd();
+    drainEncoder();
+    deflateEnd(&z);
+    out += "</mcode>";
+}
+
+bool decodeMCode(std::string_view base64, std::string& bytes)
+{
+    // A request is a command, not a bulk transfer; this also defuses
+    // payloads that inflate enormously.
+    const std::size_t MaxPayload = 16u << 20;
+    bytes.clear();
+    z_stream z{};
+    if (inflateInit(&z) != Z_OK)
+        return false;
+    TKbase64Decoder dec;
+    unsigned char ibuf[1024];
+    unsigned char obuf[4096];
+    bool ended = false, failed = false;
+    auto inflateSome = [&](long n) {
+        z.next_in = ibuf;
+        z.avail_in = static_cast<uInt>(n);
+        do {
+            z.next_out = obuf;
+            z.avail_out = sizeof obuf;
+            int rc = inflate(&z, Z_NO_FLUSH);
+            bytes.append(reinterpret_cast<const char*>(obuf), sizeof obuf - z.avail_out);
+            if (rc == Z_STREAM_END) {
+                ended = true;
+                return;
+            }
+            if (rc == Z_BUF_ERROR)
+                return;  // wants more input
+            if (rc != Z_OK || bytes.size() > MaxPayload) {
+                failed = true;
+                return;
+            }
+        } while (z.avail_in > 0 || z.avail_out == 0);
+    };
+    dec.write(reinterpret_cast<const unsigned char*>(base64.data()), static_cast<long>(base64.size()));
+    long n;
+    while (!ended && !failed && (n = dec.read(ibuf, sizeof ibuf)) > 0)
+        inflateSome(n);
+    dec.messageEnd();
+    while (!ended && !failed && (n = dec.read(ibuf, sizeof ibuf)) > 0)
+        inflateSome(n);
+    inflateEnd(&z);
+    return ended && !failed;
+}
+
+Message::Message(const char* name, long cl) : name_(name)
+{
+    out_ += '<';
+    out_ += name;
+    if (cl >= 0)
+        attr("cl", cl);
+}
+
+Message& Message::attr(const char* name, std::string_view value)
+{
+    out_ += ' ';
+    out_ += name;
+    out_ += "=\"";
+    appendEscaped(out_, value);
+    out_ += '"';
+    return *this;
+}
+
+Message& Message::attr(const char* name, long long value)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%lld", value);
+    return attr(name, std::string_view(buf));
+}
+
+Message& Message::open()
+{
+    if (!open_) {
+        out_ += '>';
+        open_ = true;
+    }
+    return *this;
+}
+
+Message& Message::raw(std::string_view xml)
+{
+    open();
+    out_.append(xml);
+    return *this;
+}
+
+Message& Message::text(std::string_view format, std::string_view content)
+{
+    open();
+    out_ += "<text format=\"";
+    appendEscaped(out_, format);
+    out_ += "\">";
+    appendEscaped(out_, content);
+    out_ += "</text>";
+    return *this;
+}
+
+Message& Message::mcode(std::string_view format, std::string_view bytes)
+{
+    open();
+    appendMCode(out_, format, bytes);
+    return *this;
+}
+
+std::string Message::finish()
+{
+    if (open_) {
+        out_ += "</";
+        out_ += name_;
+        out_ += '>';
+    } else {
+        out_ += "/>";
+    }
+    return std::move(out_);
+}
+
+std::string msgOutputText(long cl, long long cid, std::string_view type,
+                          std::string_view format, std::string_view text)
+{
+    return Message("output", cl).attr("cid", cid).attr("type", type).text(format, text).finish();
+}
+
+std::string msgOutputData(long cl, long long cid, std::string_view type,
+                          std::string_view format, std::string_view bytes)
+{
+    return Message("output", cl).attr("cid", cid).attr("type", type).mcode(format, bytes).finish();
+}
+
+std::string msgFinished(long cl, long long cid)
+{
+    return Message("finished", cl).attr("cid", cid).finish();
+}
+
+std::string msgEmpty(const char* name, long cl)
+{
+    return Message(name, cl).finish();
+}
+
+std::string msgValue(const char* name, long cl, std::string_view value)
+{
+    return Message(name, cl).attr("value", value).finish();
+}
+
+std::string msgValue(const char* name, long cl, long long value)
+{
+    return Message(name, cl).attr("value", value).finish();
+}
+
+std::string msgStatus(long cl, long long used, long long res, long long sec)
+{
+    return Message("status", cl).attr("used", used).attr("res", res).attr("sec", sec).finish();
+}
+
+std::string msgCompletion(long cl, std::string_view list, std::string_view pref)
+{
+    return Message("completion", cl).attr("list", list).attr("pref", pref).finish();
+}
+
+std::string msgFormats(const char* name, long cl, std::string_view type,
+                       const std::vector<std::string>& formats)
+{
+    Message m(name, cl);
+    m.attr("type", type).open();
+    for (const std::string& f : formats) {
+        std::string fmt = "<fmt name=\"";
+        appendEscaped(fmt, f);
+        fmt += "\"/>";
+        m.raw(fmt);
+    }
+    return m.finish();
+}
+
+std::string msgSendInput(long cl, long long cid, bool textInput, std::string_view prompt)
+{
+    return Message("sendinput", cl).attr("cid", cid).attr("text", textInput ? 1LL : 0LL)
+        .text("text", prompt).finish();
+}
+
+std::string msgCallback(long cl, long long cid, std::string_view format, std::string_view bytes)
+{
+    return Message("callback", cl).attr("cid", cid).mcode(format, bytes).finish();
+}
+
+std::string msgQuit()
+{
+    return "<quit/>";
+}
+
+} // namespace tamkern

@@ -1,0 +1,219 @@
+#include "tamkern/Requests.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "tamkern/Capture.h"
+
+namespace tamkern {
+
+namespace {
+
+// Element ids: the requests first, in Request::Kind order, then the parts.
+enum Element {
+    E_newclient, E_init, E_cmd, E_complete, E_dbgcmd, E_sysresult, E_input, E_textinput,
+    E_callresult, E_textwidth, E_prettyprint, E_abbreviateoutput, E_format, E_sendstatus,
+    E_stop, E_quit,
+    E_root, E_iarg, E_text, E_mcode
+};
+const char* const kElements[] = {
+    "newclient", "init", "cmd", "complete", "dbgcmd", "sysresult", "input", "textinput",
+    "callresult", "textwidth", "prettyprint", "abbreviateoutput", "format", "sendstatus",
+    "stop", "quit",
+    "tamkernRequests", "iarg", "text", "mcode"
+};
+
+enum Attr { A_cl, A_cid, A_name, A_frame, A_features, A_value, A_type, A_canceled, A_error, A_format };
+const char* const kAttrs[] = {
+    "cl", "cid", "name", "frame", "features", "value", "type", "canceled", "error", "format"
+};
+
+template <std::size_t N>
+int lookup(const char* const (&names)[N], const char* name)
+{
+    for (std::size_t i = 0; i < N; ++i)
+        if (std::strcmp(names[i], name) == 0)
+            return static_cast<int>(i);
+    return -1;
+}
+
+bool parseLong(const char* s, long long& out)
+{
+    if (!s || !*s)
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    long long v = std::strtoll(s, &end, 10);
+    if (errno != 0 || end == s || *end != '\0')
+        return false;
+    out = v;
+    return true;
+}
+
+bool flag(const char* s)
+{
+    long long v = 0;
+    return parseLong(s, v) && v != 0;
+}
+
+const char kRoot[] = "<tamkernRequests>";
+
+} // namespace
+
+const char* requestName(Request::Kind kind)
+{
+    return kElements[kind];
+}
+
+RequestReader::RequestReader(Sink sink) : sink_(std::move(sink))
+{
+    parser_ = std::make_unique<Xml::Parser>(static_cast<Xml::Handler*>(this), false, "UTF-8");
+    feed(kRoot, static_cast<int>(sizeof kRoot - 1));
+}
+
+RequestReader::~RequestReader() = default;
+
+bool RequestReader::feed(const char* data, int len)
+{
+    if (!fault_.empty())
+        return false;
+    if (!parser_->parse(data, len, false)) {
+        if (fault_.empty()) {
+            char buf[160];
+            std::snprintf(buf, sizeof buf, "malformed request stream (XML error %d at line %lu column %lu)",
+                          parser_->errorCode(), parser_->line(), parser_->column());
+            fault_ = buf;
+        }
+        return false;
+    }
+    return fault_.empty();
+}
+
+bool RequestReader::elementName(const char*, const char* name, int&, int& id)
+{
+    id = lookup(kElements, name);
+    if (id >= 0)
+        return true;
+    id = 0;
+    if (depth_ == 1 && fault_.empty())
+        klog("unknown request <%.60s> skipped", name);
+    return false;
+}
+
+bool RequestReader::attributeName(const char*, const char* name, int&, int& id)
+{
+    id = lookup(kAttrs, name);
+    if (id >= 0)
+        return true;
+    id = 0;
+    return false;
+}
+
+void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
+{
+    collect_ = nullptr;
+    ++depth_;
+    if (!fault_.empty())
+        return;
+    if (depth_ == 1) {
+        return;  // the injected root
+    }
+    if (depth_ == 2) {
+        if (id > E_quit) {
+            klog("<%s> outside a request skipped", kElements[id]);
+            return;
+        }
+        inRequest_ = true;
+        req_ = Request();
+        req_.kind = static_cast<Request::Kind>(id);
+        for (const Xml::Attribute& a : attrs) {
+            switch (a.id) {
+            case A_cl: {
+                long long v = 0;
+                req_.hasCl = true;
+                req_.clValid = parseLong(a.value, v);
+                req_.cl = req_.clValid ? static_cast<long>(v) : -1;
+                break;
+            }
+            case A_cid: {
+                long long v = 0;
+                if (parseLong(a.value, v))
+                    req_.cid = v;
+                break;
+            }
+            case A_name: req_.name = a.value; break;
+            case A_frame: req_.frame = a.value; break;
+            case A_features: req_.features = a.value; break;
+            case A_value: req_.value = a.value; break;
+            case A_type: req_.type = a.value; break;
+            case A_canceled: req_.canceled = flag(a.value); break;
+            case A_error: req_.error = flag(a.value); break;
+            default: break;
+            }
+        }
+        if (id == E_textinput) {
+            req_.hasText = true;
+            collect_ = &req_.text;
+        }
+        return;
+    }
+    if (!inRequest_ || depth_ != 3)
+        return;
+    switch (id) {
+    case E_iarg:
+        if (req_.kind == Request::Init)
+            for (const Xml::Attribute& a : attrs)
+                if (a.id == A_value)
+                    req_.args.push_back(a.value);
+        break;
+    case E_text:
+        if (req_.kind == Request::Cmd || req_.kind == Request::Input) {
+            req_.hasText = true;
+            req_.hasPayload = false;
+            req_.text.clear();
+            collect_ = &req_.text;
+        }
+        break;
+    case E_mcode:
+        if (req_.kind == Request::Cmd || req_.kind == Request::CallResult) {
+            req_.hasPayload = true;
+            req_.hasText = false;
+            req_.payloadFormat.clear();
+            for (const Xml::Attribute& a : attrs)
+                if (a.id == A_format)
+                    req_.payloadFormat = a.value;
+            req_.payloadBase64.clear();
+            collect_ = &req_.payloadBase64;
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+void RequestReader::endElement(int, int)
+{
+    collect_ = nullptr;
+    --depth_;
+    if (depth_ == 1 && inRequest_) {
+        inRequest_ = false;
+        if (fault_.empty())
+            sink_(req_);
+        req_ = Request();
+    }
+}
+
+void RequestReader::characterData(const char* data, int len)
+{
+    if (!collect_ || !fault_.empty())
+        return;
+    if (collect_->size() + static_cast<std::size_t>(len) > MaxText) {
+        fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
+        collect_ = nullptr;
+        return;
+    }
+    collect_->append(data, static_cast<std::size_t>(len));
+}
+
+} // namespace tamkern

@@ -1,0 +1,75 @@
+// Reading the clients' request stream: one XML element per request, no root
+// (one is injected), no declaration.
+#ifndef TAMKERN_REQUESTS_H
+#define TAMKERN_REQUESTS_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "xml/Handler.h"
+#include "xml/Parser.h"
+
+namespace tamkern {
+
+struct Request {
+    enum Kind {
+        NewClient, Init, Cmd, Complete, DbgCmd, SysResult, Input, TextInput, CallResult,
+        TextWidth, PrettyPrint, AbbreviateOutput, Format, SendStatus, Stop, Quit
+    };
+    Kind kind = Cmd;
+    bool hasCl = false;   // the request named a client
+    bool clValid = true;  // ... as a number
+    long cl = -1;
+    long long cid = 0;
+    std::string name, frame, features;  // newclient
+    std::string type, value;            // format; value of the value attribute
+    bool canceled = false;              // input, textinput
+    bool error = false;                 // callresult
+    std::vector<std::string> args;      // init
+    bool hasText = false;               // a text child (cmd, input) or content (textinput)
+    std::string text;
+    bool hasPayload = false;            // an mcode child (cmd, callresult)
+    std::string payloadFormat;
+    std::string payloadBase64;
+};
+
+const char* requestName(Request::Kind kind);
+
+// Parses one connection's stream and hands each complete request to a sink.
+class RequestReader : private Xml::Handler {
+public:
+    using Sink = std::function<void(Request&)>;
+    explicit RequestReader(Sink sink);
+    ~RequestReader() override;
+
+    // Feeds bytes; false once the stream is malformed or broke a limit, with
+    // the reason in fault(). A failed reader stays failed.
+    bool feed(const char* data, int len);
+    const std::string& fault() const { return fault_; }
+    // True while a request has started but not ended.
+    bool midRequest() const { return depth_ > 1; }
+
+    // Text (command, answer or payload) kept per request at most.
+    static const std::size_t MaxText = 16u << 20;
+
+private:
+    void startElement(int nsId, int id, const std::vector<Xml::Attribute>& attrs) override;
+    void endElement(int nsId, int id) override;
+    void characterData(const char* data, int len) override;
+    bool elementName(const char* ns, const char* name, int& nsId, int& id) override;
+    bool attributeName(const char* ns, const char* name, int& nsId, int& id) override;
+
+    Sink sink_;
+    std::unique_ptr<Xml::Parser> parser_;
+    std::string fault_;
+    int depth_ = 0;         // open known elements, the injected root included
+    bool inRequest_ = false;
+    Request req_;
+    std::string* collect_ = nullptr;  // where character data goes now
+};
+
+} // namespace tamkern
+
+#endif

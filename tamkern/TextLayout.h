@@ -1,0 +1,31 @@
+// Layout of result text for a client's settings: wrapping at the client's
+// text width and abbreviating very long results. Works on UTF-8 and never
+// splits a character.
+#ifndef TAMKERN_TEXTLAYOUT_H
+#define TAMKERN_TEXTLAYOUT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tamkern {
+
+// Breaks every line longer than width characters into lines of at most width
+// characters, preferring to break after a blank, a comma, a closing bracket
+// or an operator in the last third of the line. width < 1 means no wrapping.
+std::string wrapText(std::string_view text, long width);
+
+// Results longer than AbbreviateLimit characters keep their first
+// AbbreviateHead and last AbbreviateTail characters; the middle becomes a
+// note of how much was left out.
+constexpr std::size_t AbbreviateLimit = 1000;
+constexpr std::size_t AbbreviateHead = 400;
+constexpr std::size_t AbbreviateTail = 100;
+std::string abbreviate(std::string_view text);
+
+// Number of characters (code points) in UTF-8 text.
+std::size_t charCount(std::string_view text);
+
+} // namespace tamkern
+
+#endif
