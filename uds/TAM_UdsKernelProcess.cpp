@@ -392,7 +392,9 @@ bool TAM_UdsKernelProcess::is_pending(const TAM_UdsKernel* kernel) const
 
 TAM_KernelImpl* TAM_UdsKernelProcess::kernel(long clientId)
 {
-    if (clientId < 0)
+    // After its quit the kernel is gone for its clients: anything that
+    // followed the quit in the same read is not delivered.
+    if (clientId < 0 || quitting_)
         return nullptr;
     auto it = kernels_.find(clientId);
     if (it != kernels_.end())
@@ -437,13 +439,11 @@ void TAM_UdsKernelProcess::onQuit()
         clients.clear();
     }
     for (TAM_UdsKernel* k : clients) {
-        // A handler may have deleted a client that comes later in the copy.
+        // A handler may have deleted a client that comes later in the copy;
+        // the pointer is only compared until it is found registered.
         bool present = is_pending(k);
-        if (!present) {
-            long id = k->get_client_id();
-            auto it = kernels_.find(id);
-            present = it != kernels_.end() && it->second == k;
-        }
+        for (auto it = kernels_.begin(); !present && it != kernels_.end(); ++it)
+            present = it->second == k;
         if (present && k->on_quit)
             k->on_quit(k);
     }

@@ -6,7 +6,8 @@
 //   TAMIX_SCRIPT   scenario file (required)
 //   TAMIX_RECORD   record file prefix: connection 0 appends what it receives
 //                  to <prefix>, connection n > 0 to <prefix>.<n>; the
-//                  arguments go to <prefix>.args, one a line (optional)
+//                  arguments go to <prefix>.args, one a line, and the
+//                  process id to <prefix>.pid (optional)
 //   TAMIX_KERNEL_TIMEOUT_MS  limit for every wait (default 10000); when it
 //                  runs out the kernel exits with status 99, so a test that
 //                  goes wrong never hangs on this process
@@ -199,6 +200,7 @@ void writeArgs(int argc, char** argv) {
     std::ofstream out(recordPrefix + ".args", std::ios::binary);
     for (int i = 0; i < argc; ++i)
         out << argv[i] << '\n';
+    std::ofstream(recordPrefix + ".pid") << getpid() << '\n';
 }
 
 } // namespace
