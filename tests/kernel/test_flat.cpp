@@ -14,7 +14,7 @@ using writertest::TestKernel;
 
 namespace {
 
-class Flat : public ::testing::Test {
+class FlatApi : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
 };
@@ -77,7 +77,7 @@ std::vector<Pair> pairs()
     };
 }
 
-TEST_F(Flat, WrappersForwardEveryArgument)
+TEST_F(FlatApi, WrappersForwardEveryArgument)
 {
     for (const Pair& p : pairs()) {
         TestKernel a(3), b(3);
@@ -88,7 +88,7 @@ TEST_F(Flat, WrappersForwardEveryArgument)
     }
 }
 
-TEST_F(Flat, ShortFormsEqualTheirExtendedForms)
+TEST_F(FlatApi, ShortFormsEqualTheirExtendedForms)
 {
     TestKernel a(1), b(1);
     TAM_send_cmd(&a, kCookie, "x");
@@ -103,7 +103,7 @@ TEST_F(Flat, ShortFormsEqualTheirExtendedForms)
                         "coding=\"ident \" features=\"can_quit \"/>");
 }
 
-TEST_F(Flat, NullHandleGivesNeutralResults)
+TEST_F(FlatApi, NullHandleGivesNeutralResults)
 {
     for (const Pair& p : pairs())
         EXPECT_EQ(p.flat(nullptr), 0) << p.what;
@@ -117,7 +117,7 @@ TEST_F(Flat, NullHandleGivesNeutralResults)
 }
 
 // An exception from a request ends in 0 and the connection works on.
-TEST_F(Flat, ThrowingRequestReturnsZeroAndNextWorks)
+TEST_F(FlatApi, ThrowingRequestReturnsZeroAndNextWorks)
 {
     for (const Pair& p : pairs()) {
         TestKernel k(2), ref(2);
@@ -139,7 +139,7 @@ TEST_F(Flat, ThrowingRequestReturnsZeroAndNextWorks)
     EXPECT_STREQ(TAM_get_kernel_name(&k), "other");
 }
 
-TEST_F(Flat, FailedRequestReturnsZero)
+TEST_F(FlatApi, FailedRequestReturnsZero)
 {
     TestKernel k(2);
     k.stream.failAt = 2;
@@ -149,7 +149,7 @@ TEST_F(Flat, FailedRequestReturnsZero)
     EXPECT_EQ(TAM_send_quit(&k), 0);
 }
 
-TEST_F(Flat, QueriesAndDefaults)
+TEST_F(FlatApi, QueriesAndDefaults)
 {
     TestKernel k(-1);
     EXPECT_EQ(TAM_get_client_id(&k), -1);
@@ -190,7 +190,7 @@ public:
 
 void printOutput(TAM_KernelImpl*, void*, const char*, const char*, const char*) {}
 
-TEST_F(Flat, DeleteResetsTheTableBeforeDestroying)
+TEST_F(FlatApi, DeleteResetsTheTableBeforeDestroying)
 {
     Seen seen;
     auto* k = new WatchedKernel(&seen);
@@ -202,7 +202,7 @@ TEST_F(Flat, DeleteResetsTheTableBeforeDestroying)
     EXPECT_TRUE(seen.clientDataEmpty);
 }
 
-TEST_F(Flat, FreeReleasesLibraryMemory)
+TEST_F(FlatApi, FreeReleasesLibraryMemory)
 {
     // Under the sanitizer build a wrong release function is reported.
     char** names = static_cast<char**>(std::malloc(2 * sizeof(char*)));

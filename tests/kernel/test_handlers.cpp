@@ -11,7 +11,7 @@ using writertest::TestKernel;
 
 namespace {
 
-class Handlers : public ::testing::Test {
+class HandlerTable : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
 };
@@ -148,14 +148,14 @@ void clearAll(TAM_KernelImpl* k)
     TAM_set_on_quit_handler(k, nullptr);
 }
 
-TEST_F(Handlers, FreshObjectHasTheSixDefaults)
+TEST_F(HandlerTable, FreshObjectHasTheSixDefaults)
 {
     TestKernel k;
     EXPECT_EQ(slots(k), initialSlots());
     EXPECT_EQ(k.client_data_, nullptr);
 }
 
-TEST_F(Handlers, SettersStoreEachSlotAndNullRestoresDefaultsOrDisables)
+TEST_F(HandlerTable, SettersStoreEachSlotAndNullRestoresDefaultsOrDisables)
 {
     TestKernel k;
     setAll(&k);
@@ -184,7 +184,7 @@ TEST_F(Handlers, SettersStoreEachSlotAndNullRestoresDefaultsOrDisables)
     clearAll(nullptr);
 }
 
-TEST_F(Handlers, ResetRestoresTableAndForgetsClientData)
+TEST_F(HandlerTable, ResetRestoresTableAndForgetsClientData)
 {
     TestKernel k;
     setAll(&k);
@@ -199,7 +199,7 @@ TEST_F(Handlers, ResetRestoresTableAndForgetsClientData)
     EXPECT_EQ(TAM_get_client_data(nullptr), nullptr);
 }
 
-TEST_F(Handlers, DefaultsAnswerTheKernel)
+TEST_F(HandlerTable, DefaultsAnswerTheKernel)
 {
     // A null kernel is no connection to answer on (a crash fails the case).
     TAM_default_on_init_wanted(nullptr);
@@ -238,7 +238,7 @@ TEST_F(Handlers, DefaultsAnswerTheKernel)
 
 // With nothing offered the default still answers, so the kernel is not left
 // waiting, and it never looks into the list.
-TEST_F(Handlers, SelectFormatWithNothingOffered)
+TEST_F(HandlerTable, SelectFormatWithNothingOffered)
 {
     TestKernel k(1);
     const char* poison[] = {nullptr};
@@ -252,7 +252,7 @@ TEST_F(Handlers, SelectFormatWithNothingOffered)
 
 // The first five swallow a request's exception; the debugger default lets
 // it through to its caller.
-TEST_F(Handlers, OnlyTheDebuggerDefaultLetsExceptionsOut)
+TEST_F(HandlerTable, OnlyTheDebuggerDefaultLetsExceptionsOut)
 {
     TestKernel k(1);
     k.stream.mode = FailingStream::ThrowBadAlloc;

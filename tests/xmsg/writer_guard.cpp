@@ -47,7 +47,7 @@ std::vector<Request> allRequests()
     };
 }
 
-class Guard : public ::testing::Test {
+class WriterGuard : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
 };
@@ -56,7 +56,7 @@ protected:
 // exactly the bytes of writes 1..n-1, attempts no further write, never
 // flushes, keeps the stream's code in status_, and the same connection then
 // writes the request completely.
-TEST_F(Guard, FailureAtEveryWritePositionStopsTheRequest)
+TEST_F(WriterGuard, FailureAtEveryWritePositionStopsTheRequest)
 {
     for (const Request& r : allRequests()) {
         TestKernel k(4);
@@ -89,7 +89,7 @@ TEST_F(Guard, FailureAtEveryWritePositionStopsTheRequest)
     }
 }
 
-TEST_F(Guard, FailedFlushFailsTheRequestButNotTheNext)
+TEST_F(WriterGuard, FailedFlushFailsTheRequestButNotTheNext)
 {
     TestKernel k(1);
     k.stream.failFlush = true;
@@ -104,7 +104,7 @@ TEST_F(Guard, FailedFlushFailsTheRequestButNotTheNext)
 // A write that throws: inside the text conversion's writes the exception is
 // caught and the request ends with 0; elsewhere it reaches the caller. In
 // both cases the next request is clean.
-TEST_F(Guard, ThrowingWriteIsContainedInTextAndPropagatesElsewhere)
+TEST_F(WriterGuard, ThrowingWriteIsContainedInTextAndPropagatesElsewhere)
 {
     for (const Request& r : allRequests()) {
         TestKernel k(4);
@@ -138,7 +138,7 @@ TEST_F(Guard, ThrowingWriteIsContainedInTextAndPropagatesElsewhere)
     }
 }
 
-TEST_F(Guard, ThrowingWriteOfCommandTextEndsInZeroThroughTheFlatCall)
+TEST_F(WriterGuard, ThrowingWriteOfCommandTextEndsInZeroThroughTheFlatCall)
 {
     TestKernel k(1);
     // Without text the request ends with "</text>" and "</cmd>", so the text
@@ -162,7 +162,7 @@ TEST_F(Guard, ThrowingWriteOfCommandTextEndsInZeroThroughTheFlatCall)
 // The conversion itself running out of memory: the address space is capped
 // just above what the process uses, so converting a large command cannot
 // get its buffers. The request fails with 0 and the next one works.
-TEST_F(Guard, ConversionOutOfMemoryFailsOnlyThatRequest)
+TEST_F(WriterGuard, ConversionOutOfMemoryFailsOnlyThatRequest)
 {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "address-space limits do not work under AddressSanitizer";

@@ -19,7 +19,7 @@ namespace {
 
 const unsigned char kAbc[] = {'a', 'b', 'c'};
 
-class Mcode : public ::testing::Test {
+class WriterMcode : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
 };
@@ -30,7 +30,7 @@ bool deflateIsReset(TestKernel& k)
     return k.zstream_.total_in == 0 && k.zstream_.total_out == 0;
 }
 
-TEST_F(Mcode, EmptyAndThreeBytePayloads)
+TEST_F(WriterMcode, EmptyAndThreeBytePayloads)
 {
     TestKernel k(1);
     TAM_DataTAG empty = {"abc", nullptr, 0};
@@ -53,7 +53,7 @@ TEST_F(Mcode, EmptyAndThreeBytePayloads)
     EXPECT_TRUE(deflateIsReset(k));
 }
 
-TEST_F(Mcode, FormatNamesAndNullRecord)
+TEST_F(WriterMcode, FormatNamesAndNullRecord)
 {
     TestKernel k(1);
     TAM_DataTAG rec = {nullptr, kAbc, 3};
@@ -84,7 +84,7 @@ TEST_F(Mcode, FormatNamesAndNullRecord)
     EXPECT_TRUE(deflateIsReset(k));
 }
 
-TEST_F(Mcode, LargeRandomPayloadRoundTrips)
+TEST_F(WriterMcode, LargeRandomPayloadRoundTrips)
 {
     std::mt19937 rng(12345);
     std::string data(100000, '\0');
@@ -116,7 +116,7 @@ TEST_F(Mcode, LargeRandomPayloadRoundTrips)
     EXPECT_EQ(back, zeros);
 }
 
-TEST_F(Mcode, PayloadsAreIndependentStreams)
+TEST_F(WriterMcode, PayloadsAreIndependentStreams)
 {
     TestKernel k(1);
     std::string first(5000, 'q'), second = "second payload";
@@ -147,7 +147,7 @@ TEST_F(Mcode, PayloadsAreIndependentStreams)
 
 // A write failing inside the payload: the element stays open, nothing more
 // is written, the deflate state is reset, and the next payload is whole.
-TEST_F(Mcode, FailureInsideThePayload)
+TEST_F(WriterMcode, FailureInsideThePayload)
 {
     std::mt19937 rng(7);
     std::string data(20000, '\0');
@@ -192,7 +192,7 @@ TEST_F(Mcode, FailureInsideThePayload)
 
 // A deflate state that cannot work (as after a failed set-up) fails the
 // payload with Error and never closes the element.
-TEST_F(Mcode, DeflateErrorFailsTheRequest)
+TEST_F(WriterMcode, DeflateErrorFailsTheRequest)
 {
     TestKernel k(1);
     deflateEnd(&k.zstream_);  // state freed: deflate now reports Z_STREAM_ERROR
@@ -242,7 +242,7 @@ public:
 };
 
 // Lengths of 4 GiB and more are fed to zlib in pieces, not cut to 32 bits.
-TEST_F(Mcode, PayloadBeyondFourGiB)
+TEST_F(WriterMcode, PayloadBeyondFourGiB)
 {
     const uint64_t len = (uint64_t(1) << 32) + 5;
     void* mem = mmap(nullptr, len, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_POPULATE, -1, 0);
