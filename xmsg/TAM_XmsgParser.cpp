@@ -13,10 +13,10 @@ const char kRootTag[] = "<TamixXMsgClientMessage>";
 // the next chunk would parse the same bytes again and the message that threw
 // would throw forever. The callbacks therefore catch everything themselves
 // and suspend the parser; saveParse sees the suspension, runs the handler's
-// cleanup() and resumes with the rest of the chunk. Only the message that
-// threw is lost; the ones after it are delivered as usual. The parser
-// suspends for no other reason, so the suspension itself is the record that
-// something was thrown.
+// cleanup() and resumes with the rest of the chunk. The state of the message
+// that threw is dropped; the messages after it are delivered as usual. The
+// parser suspends for no other reason, so the suspension itself is the
+// record that something was thrown.
 
 bool suspended(XML_Parser p)
 {

@@ -19,8 +19,9 @@ public:
     virtual bool init();
 
     // parse(data, len, false). An exception raised while the handler works on
-    // the chunk is caught: the handler's cleanup() runs and the result is
-    // false. Malformed input makes this and every later call fail.
+    // the chunk is caught: the handler's cleanup() runs, the rest of the
+    // chunk is still parsed, and the result is false. Malformed input makes
+    // this and every later call fail.
     bool saveParse(const char* data, int len);
 
 private:
