@@ -173,10 +173,10 @@ TEST(UdsLaunch, JoiningARunningKernel) {
     // process object all the same.
     TAM_delete_kernel(joined);
     EXPECT_FALSE(fileExists(listen));
-    EXPECT_NE(s.received(1).find("<quit cl=\"3\"/>"), std::string::npos);
     pid_t pid = s.pid();
     TAM_delete_kernel(owner);
     EXPECT_FALSE(processExists(pid));
+    EXPECT_NE(s.received(1).find("<quit cl=\"3\"/>"), std::string::npos);
     unlink(c1.c_str());
     unlink(c2.c_str());
 }
