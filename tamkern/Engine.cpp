@@ -5,6 +5,7 @@
 #include <giac/giac.h>
 #include <giac/input_lexer.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
@@ -539,8 +540,15 @@ void Engine::submit(Job job)
 bool Engine::interrupt(long client)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!running_ || runningClient_ != client)
+    if (!running_ || runningClient_ != client) {
+        // Handed over but not yet taken up by the worker.
+        for (Job& j : jobs_)
+            if (j.client == client && j.kind == Job::Command) {
+                j.stopped = true;
+                return true;
+            }
         return false;
+    }
     interruptRequested_ = true;
     giac::ctrl_c = true;
     giac::interrupted = true;
@@ -550,6 +558,10 @@ bool Engine::interrupt(long client)
 
 void Engine::clientGone(long client)
 {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        gone_.push_back(client);
+    }
     interrupt(client);
 }
 
@@ -602,11 +614,17 @@ void Engine::run()
             jobs_.erase(jobs_.begin());
             running_ = true;
             runningClient_ = job.client;
-            interruptRequested_ = false;
-            giac::ctrl_c = false;
-            giac::interrupted = false;
+            interruptRequested_ = job.stopped;
+            giac::ctrl_c = job.stopped;
+            giac::interrupted = job.stopped;
         }
-        impl_->runJob(job);
+        bool gone;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            gone = std::find(gone_.begin(), gone_.end(), job.client) != gone_.end();
+        }
+        if (!gone)
+            impl_->runJob(job);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             running_ = false;

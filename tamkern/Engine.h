@@ -33,6 +33,7 @@ struct Job {
     std::string error;              // a command that failed before Giac saw it
     std::vector<std::string> args;  // init arguments
     ResultStyle style;
+    bool stopped = false;           // stop arrived before the worker took it
 };
 
 // The kernel's questions to the front end, and their answers.
@@ -92,6 +93,7 @@ private:
     std::mutex mutex_;
     std::condition_variable cond_;
     std::vector<Job> jobs_;
+    std::vector<long> gone_;  // clients that left; their jobs are dropped
     bool quit_ = false;
     bool finished_ = false;
     // The running job and its question.
