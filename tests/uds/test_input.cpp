@@ -3,6 +3,9 @@
 // set of connections and processes while the loop walks over it.
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/ioctl.h>
+
 #include "uds/ScriptedKernel.h"
 
 using namespace tamixtest;
@@ -124,7 +127,7 @@ TEST_F(UdsInput, SeveralMessagesInOneReadInStreamOrder) {
 }
 
 TEST_F(UdsInput, AtMost1024BytesPerProcessAndCall) {
-    // 3000 characters of text in 3062 bytes: three reads.
+    // 3000 characters of text in 3059 bytes: three reads.
     Scenario s(std::string(kBound) +
                "wait_for <stop\n"
                "send <output cl=\"1\" cid=\"0\"><text format=\"_lan\">\n"
@@ -135,7 +138,16 @@ TEST_F(UdsInput, AtMost1024BytesPerProcessAndCall) {
     ASSERT_NE(k, nullptr);
     events.clear();
     ASSERT_EQ(TAM_send_stop(k), 1);
-    usleep(200000);  // all of it is in the socket now
+    // Wait until all of it is in the socket.
+    int fd = TAM_get_client_fd(k);
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    int queued = 0;
+    const int total = static_cast<int>(strlen("<output cl=\"1\" cid=\"0\"><text format=\"_lan\">") +
+                                       3000 + strlen("</text></output>"));
+    while (ioctl(fd, FIONREAD, &queued) == 0 && queued < total &&
+           std::chrono::steady_clock::now() < end)
+        usleep(10000);
+    ASSERT_EQ(queued, total);
     int calls = 0;
     while (events.empty() && calls < 10) {
         TAM_handle_uds_input(1);
@@ -157,9 +169,7 @@ TEST_F(UdsInput, MalformedInputEndsDeliveryButNotTheConnection) {
     ASSERT_NE(k, nullptr);
     events.clear();
     ASSERT_EQ(TAM_send_stop(k), 1);
-    TAM_handle_uds_input(1);
-    TAM_handle_uds_input(1);
-    pumpUntil([] { return false; }, 200);
+    pumpUntil([] { return false; }, 500);
     // What came before the error was delivered, nothing after it.
     EXPECT_EQ(events, std::vector<std::string>{"output:ok"});
     // Requests still reach the kernel.
@@ -288,7 +298,12 @@ TEST_F(UdsInput, HandlerDeletesAnotherProcessDuringTheWalk) {
     ASSERT_EQ(TAM_send_stop(b), 1);
     // Both sockets are readable in the same call; a comes first and takes b
     // (its process and socket) away before the walk reaches it.
-    usleep(400000);
+    pollfd both[2] = {{TAM_get_client_fd(a), POLLIN, 0}, {TAM_get_client_fd(b), POLLIN, 0}};
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (std::chrono::steady_clock::now() < end &&
+           (poll(both, 2, 100) < 2 || !(both[0].revents & POLLIN) || !(both[1].revents & POLLIN))) {
+    }
+    ASSERT_TRUE((both[0].revents & POLLIN) && (both[1].revents & POLLIN));
     TAM_handle_uds_input(0);
     EXPECT_EQ(events, std::vector<std::string>{"ready:4"});
     EXPECT_EQ(victim, nullptr);
