@@ -5,11 +5,17 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <iostream>
 #include <poll.h>
 #include <unistd.h>
 
+// Sanitizer reports are written to descriptor 2 and must reach the log, not
+// a client's output; in a sanitizer build descriptor 2 is therefore left as
+// it is, and only descriptor 1 and the C++ streams are captured.
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
+constexpr bool kCaptureFd2 = false;
+#else
+constexpr bool kCaptureFd2 = true;
 #endif
 
 namespace tamkern {
@@ -74,13 +80,13 @@ bool OutputCapture::start()
         std::lock_guard<std::mutex> lock(gLogMutex);
         gLogFd = err;
     }
-#if defined(__SANITIZE_ADDRESS__)
-    // Sanitizer reports belong on the real standard error, not in a client's
-    // output.
-    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<long>(err)));
-#endif
     ::dup2(fds[1], 1);
-    ::dup2(fds[1], 2);
+    if (kCaptureFd2)
+        ::dup2(fds[1], 2);
+    std::cout.flush();
+    std::cerr.flush();
+    oldCout_ = std::cout.rdbuf(&streamBuf_);
+    oldCerr_ = std::cerr.rdbuf(&streamBuf_);
     // The reader must never block a writer for long, and take() reads the
     // pipe empty without waiting.
     ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
@@ -96,6 +102,8 @@ void OutputCapture::stop()
 {
     if (pipeRead_ < 0)
         return;
+    std::cout.rdbuf(oldCout_);
+    std::cerr.rdbuf(oldCerr_);
     std::fflush(stdout);
     std::fflush(stderr);
     // Once every write end is gone the reader sees the end of the pipe.
@@ -109,9 +117,6 @@ void OutputCapture::stop()
         std::lock_guard<std::mutex> lock(gLogMutex);
         gLogFd = 2;
     }
-#if defined(__SANITIZE_ADDRESS__)
-    __sanitizer_set_report_fd(reinterpret_cast<void*>(2L));
-#endif
     ::close(pipeRead_);
     ::close(savedOut_);
     ::close(savedErr_);
@@ -172,6 +177,23 @@ void OutputCapture::appendLocked(const char* data, std::size_t len)
         truncated_ = true;
     }
     buffer_.append(data, len);
+}
+
+OutputCapture::StreamBuf::int_type OutputCapture::StreamBuf::overflow(int_type c)
+{
+    if (c != traits_type::eof()) {
+        char ch = static_cast<char>(c);
+        std::lock_guard<std::mutex> lock(owner_.mutex_);
+        owner_.appendLocked(&ch, 1);
+    }
+    return traits_type::not_eof(c);
+}
+
+std::streamsize OutputCapture::StreamBuf::xsputn(const char* s, std::streamsize n)
+{
+    std::lock_guard<std::mutex> lock(owner_.mutex_);
+    owner_.appendLocked(s, static_cast<std::size_t>(n));
+    return n;
 }
 
 std::string OutputCapture::take()

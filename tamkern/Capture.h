@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <mutex>
+#include <streambuf>
 #include <string>
 #include <thread>
 
@@ -33,10 +34,27 @@ public:
     // caller must have flushed its own buffered streams first.
     std::string take();
 
+    // A stream buffer that adds to the captured text; std::cout and
+    // std::cerr are pointed at it while the capture runs, so that C++ stream
+    // output is caught whether or not descriptor 2 is redirected.
+    std::streambuf* streamBuf() { return &streamBuf_; }
+
     // Captured text kept at most; the rest is dropped with a note.
     static const std::size_t Limit = 64 * 1024;
 
 private:
+    class StreamBuf : public std::streambuf {
+    public:
+        explicit StreamBuf(OutputCapture& owner) : owner_(owner) {}
+
+    protected:
+        int_type overflow(int_type c) override;
+        std::streamsize xsputn(const char* s, std::streamsize n) override;
+
+    private:
+        OutputCapture& owner_;
+    };
+
     void reader();
     void drainLocked();
     void appendLocked(const char* data, std::size_t len);
@@ -49,6 +67,9 @@ private:
     std::string buffer_;
     bool truncated_ = false;
     std::thread thread_;
+    StreamBuf streamBuf_{*this};
+    std::streambuf* oldCout_ = nullptr;
+    std::streambuf* oldCerr_ = nullptr;
 };
 
 } // namespace tamkern

@@ -492,6 +492,10 @@ giac::gen tamCallback(const giac::gen& args, const giac::context* ctx)
     return gImpl->parseAnswer(a.text, "callback result");
 }
 
+// Kept so that the registrations stay reachable; a container would be
+// destroyed at exit before the leak check runs.
+giac::unary_function_ptr* gRegistered[3];
+
 // Giac functions that use the front end. Giac keeps pointers to them for the
 // life of the process, so they are never freed.
 void registerFrontEndFunctions()
@@ -504,10 +508,12 @@ void registerFrontEndFunctions()
         giac::gen (*fn)(const giac::gen&, const giac::context*);
         const char* name;
     };
+    // Constructing the pointer with a parser token registers the name.
+    std::size_t n = 0;
     for (const Def& d : {Def{tamTextInput, "textinput"}, Def{tamSystem, "system"},
                          Def{tamCallback, "callback"}}) {
         auto* ev = new giac::unary_function_eval(0, d.fn, d.name);
-        new giac::unary_function_ptr(ev, 0, 1);
+        gRegistered[n++] = new giac::unary_function_ptr(ev, 0, 1);
     }
     // input is a parser keyword and cannot be re-registered; Giac routes it
     // through its table of interactive functions instead (entry 0).
