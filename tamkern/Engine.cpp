@@ -264,7 +264,9 @@ struct Engine::Impl {
         }
         logBuf.flushLine();
         if (!parsed || giac::first_error_line(ctx) > 0) {
-            flushCapture();
+            std::string captured = trim(flushCapture());
+            if (!captured.empty() && !silent)
+                output("error", captured);
             out.error = syntaxMessage(parseLog);
             return out;
         }

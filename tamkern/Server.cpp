@@ -486,6 +486,9 @@ void Server::onRequest(int connId, Request& req)
 
     switch (req.kind) {
     case Request::Stop:
+        // Stops this client's running command only: in a shared session one
+        // client must not cut short another's work. Commands still waiting
+        // in the queue are not affected.
         engine_.interrupt(id);
         return;
     case Request::SendStatus:
