@@ -1,20 +1,19 @@
-// Test support: a temporary directory, a scenario for the scripted stand-in
-// kernel, and running a program with bounded time.
+// Test support: scenarios for the scripted stand-in kernel, clients whose
+// handlers record what they get, the input loop run until a condition holds,
+// and programs run with bounded time.
 #ifndef TAMIX_TESTS_UDS_SCRIPTEDKERNEL_H
 #define TAMIX_TESTS_UDS_SCRIPTEDKERNEL_H
 
-#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -26,79 +25,109 @@
 
 namespace tamixtest {
 
+using Strings = std::vector<std::string>;
+
 inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
-inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-inline size_t countOf(const std::string& hay, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1))
-        ++n;
-    return n;
-}
-
-class TempDir {
-public:
-    TempDir() {
-        char tmpl[] = "/tmp/tamixtestXXXXXX";
-        const char* d = mkdtemp(tmpl);
-        path_ = d ? d : "/tmp";
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (path_ != "/tmp" && system(cmd.c_str()) != 0) {
-        }
-    }
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-// A scenario for the stand-in kernel. The environment it sets is inherited
-// by every kernel launched afterwards, until another scenario replaces it.
+// A scenario for the stand-in kernel in a scratch directory of its own;
+// every kernel launched from now on plays it, until another scenario is made
+// or activated.
 class Scenario {
 public:
-    explicit Scenario(const std::string& steps, const std::string& tag = "k") {
-        script_ = dir_.file(tag + ".script");
-        record_ = dir_.file(tag + ".rec");
-        writeFile(script_, steps);
+    explicit Scenario(const std::string& steps) {
+        char tmpl[] = "/tmp/tamixtestXXXXXX";
+        dir_ = mkdtemp(tmpl) ? tmpl : "/nonexistent";
+        std::ofstream(file("script")) << steps;
         activate();
     }
+    ~Scenario() {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
     void activate() const {
-        setenv("TAMIX_SCRIPT", script_.c_str(), 1);
-        setenv("TAMIX_RECORD", record_.c_str(), 1);
-        setenv("TAMIX_KERNEL_TIMEOUT_MS", "8000", 1);
+        setenv("TAMIX_SCRIPT", file("script").c_str(), 1);
+        setenv("TAMIX_RECORD", file("rec").c_str(), 1);
     }
+    std::string file(const std::string& name) const { return dir_ + "/" + name; }
+    const std::string& dir() const { return dir_; }
     // What the kernel received on its connection n.
-    std::string received(int n = 0) const {
-        return readFile(n == 0 ? record_ : record_ + "." + std::to_string(n));
-    }
-    std::vector<std::string> args() const {
-        std::vector<std::string> out;
-        std::istringstream in(readFile(record_ + ".args"));
+    std::string received(int n = 0) const { return readFile(file(n ? "rec." + std::to_string(n) : "rec")); }
+    // The kernel's arguments, then its process id.
+    Strings args() const {
+        Strings out;
+        std::istringstream in(readFile(file("rec.args")));
         for (std::string line; std::getline(in, line);)
             out.push_back(line);
         return out;
     }
-    pid_t pid() const { return static_cast<pid_t>(atol(readFile(record_ + ".pid").c_str())); }
-    const TempDir& dir() const { return dir_; }
-
-    static const char* kernelPath() { return TAMIX_SCRIPTED_KERNEL; }
+    pid_t pid() const { return static_cast<pid_t>(std::stol(args().back())); }
 
 private:
-    TempDir dir_;
-    std::string script_;
-    std::string record_;
+    std::string dir_;
 };
+
+// The file a client socket is bound to.
+inline std::string boundPath(int fd) {
+    sockaddr_un addr{};
+    socklen_t len = sizeof addr;
+    return fd >= 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0 ? addr.sun_path : "";
+}
+
+// The library leaves client socket files behind: a test's go at its end.
+inline TAM_KernelImpl* tracked(TAM_KernelImpl* k) {
+    static struct Files {
+        Strings paths;
+        ~Files() {
+            for (const std::string& p : paths)
+                unlink(p.c_str());
+        }
+    } files;
+    if (k)
+        files.paths.push_back(boundPath(TAM_get_client_fd(k)));
+    return k;
+}
+
+inline TAM_KernelImpl* launch(const char* name = nullptr) {
+    return tracked(TAM_new_uds_kernel(TAMIX_SCRIPTED_KERNEL, name));
+}
+
+inline Strings names() {
+    Strings out;
+    char** n = TAM_get_uds_kernel_names();
+    for (char** p = n; p && *p; ++p) {
+        out.push_back(*p);
+        TAM_free(*p);
+    }
+    TAM_free(n);
+    return out;
+}
+
+// What the handlers of watched clients saw, as "<event>:<client index>".
+inline Strings events;
+inline std::vector<TAM_KernelImpl*> clients;
+
+inline std::string who(TAM_KernelImpl* k) {
+    for (size_t i = 0; i < clients.size(); ++i) {
+        if (clients[i] == k)
+            return std::to_string(i);
+    }
+    return "?";
+}
+
+inline TAM_KernelImpl* watch(TAM_KernelImpl* k) {
+    clients.push_back(k);
+    TAM_set_on_kernel_ready_handler(k, [](TAM_KernelImpl* k) { events.push_back("ready:" + who(k)); });
+    TAM_set_on_output_handler(k, [](TAM_KernelImpl* k, void*, const char*, const char*, const char* text) {
+        events.push_back("output:" + who(k) + ":" + text);
+    });
+    TAM_set_on_finished_handler(k, [](TAM_KernelImpl* k, void*) { events.push_back("finished:" + who(k)); });
+    TAM_set_on_quit_handler(k, [](TAM_KernelImpl* k) { events.push_back("quit:" + who(k)); });
+    return k;
+}
 
 // Polls the input loop until cond holds or the time is up.
 inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000) {
@@ -107,83 +136,40 @@ inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000) {
         if (std::chrono::steady_clock::now() > end)
             return false;
         TAM_handle_uds_input(0);
-        if (cond())
-            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
 }
 
-// True while a process with this id exists (also as an unreaped zombie).
-inline bool processExists(pid_t pid) {
-    return pid > 0 && kill(pid, 0) == 0;
-}
-
-// The file a client socket is bound to; the library leaves these behind, so
-// tests remove theirs.
-inline std::string boundPath(int fd) {
-    sockaddr_un addr;
-    socklen_t len = sizeof addr;
-    memset(&addr, 0, sizeof addr);
-    if (fd < 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-        return std::string();
-    return addr.sun_path;
-}
+inline bool alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
 
 struct RunResult {
-    int status = -1;      // exit status, or -1 when it did not exit normally
-    bool timedOut = false;
-    std::string out;
-    std::string err;
+    int status;  // exit status; 137 when killed for taking too long
+    std::string out, err;
 };
 
-// Runs program in dir with input as standard input; kills it (and its
-// process group) when it takes longer than timeoutMs. The standard streams
-// go through files in ioDir (dir if empty).
+// Runs program in dir with input as standard input, for at most 60 s; the
+// standard streams go through files in io.
 inline RunResult runProgram(const std::string& program, const std::string& dir,
-                            const std::string& input, int timeoutMs,
-                            const std::string& ioDir = std::string()) {
-    RunResult r;
-    const std::string& io = ioDir.empty() ? dir : ioDir;
-    std::string in = io + "/.stdin", out = io + "/.stdout", err = io + "/.stderr";
-    writeFile(in, input);
-    pid_t pid = fork();
-    if (pid == 0) {
-        setpgid(0, 0);
-        if (chdir(dir.c_str()) != 0)
-            _exit(126);
-        int i = open(in.c_str(), O_RDONLY);
-        int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (i < 0 || o < 0 || e < 0)
-            _exit(126);
-        dup2(i, 0);
-        dup2(o, 1);
-        dup2(e, 2);
-        execl(program.c_str(), program.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    int status = 0;
-    for (;;) {
-        pid_t w = waitpid(pid, &status, WNOHANG);
-        if (w == pid)
-            break;
-        if (std::chrono::steady_clock::now() > end) {
-            r.timedOut = true;
-            kill(-pid, SIGKILL);
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (!r.timedOut && WIFEXITED(status))
-        r.status = WEXITSTATUS(status);
-    r.out = readFile(out);
-    r.err = readFile(err);
-    return r;
+                            const std::string& input, const std::string& io) {
+    std::ofstream(io + "/in", std::ios::binary) << input;
+    std::string cmd = "cd '" + dir + "' && exec timeout -s KILL 60 '" + program + "' <'" + io +
+                      "/in' >'" + io + "/out' 2>'" + io + "/err'";
+    int st = system(cmd.c_str());
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(io + "/out"), readFile(io + "/err")};
 }
+
+// Each case runs in its own process; the fixture also keeps them apart
+// when the whole program runs at once. A loop that blocks for good ends the
+// process by the alarm instead of hanging the suite.
+struct UdsTest : ::testing::Test {
+    void SetUp() override {
+        events.clear();
+        clients.clear();
+        alarm(20);
+    }
+    void TearDown() override { alarm(0); }
+};
 
 } // namespace tamixtest
 
