@@ -1,0 +1,475 @@
+// The request writer: every request byte for byte, the words of the
+// announcement, escaping, the guarded-write rule at every write position,
+// and mcode payloads (deflated, base64, one zlib stream each).
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <zlib.h>
+
+#include <dlfcn.h>
+
+#include <climits>
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "WriterTestKernel.h"
+#include "support/TKbase64.h"
+
+using writertest::TestKernel;
+
+namespace {
+
+const unsigned char kBytes[] = {'a', 'b', 'c'};
+const TAM_DataTAG kAbc = {"abc", kBytes, 3}, kEmpty = {"abc", nullptr, 0};
+const TAM_DataTAG kOddFormat = {"a\"<b\x01", kBytes, 3}, kNoFormat = {nullptr, kBytes, 3};
+const char* kArgv[] = {"-l", "../lib"};
+
+void* cookie(long v) { return reinterpret_cast<void*>(static_cast<intptr_t>(v)); }
+
+struct Req {
+    int (*send)(TestKernel&);
+    const char* want;
+    bool contained;  // writes user text or a payload, where a throwing write is caught
+};
+#define REQ(call, want) {[](TestKernel& k) { return call; }, want, false}
+#define TXT(call, want) {[](TestKernel& k) { return call; }, want, true}
+
+// Client id 1 unless the row sets another.
+const Req kRequests[] = {
+    REQ((k.id_ = -1, k.send_new_client(nullptr, nullptr, 0x10000, 2, 1, 4)),
+        "<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" "
+        "features=\"can_quit \"/>"),
+    TXT(k.send_new_client("a\"b", "<f>", 0, 0, 0, 0),
+        "<newclient cl=\"1\" name =\"a&quot;b\" frame=\"&lt;f&gt;\" longfmt=\"\" floatfmt=\"\" "
+        "coding=\"flat\" features=\"\"/>"),
+    TXT(k.send_init(2, kArgv), "<init cl=\"1\"><iarg value=\"-l\"/><iarg value=\"../lib\"/></init>"),
+    REQ(k.send_init(-3, kArgv), "<init cl=\"1\"></init>"),
+    REQ((k.id_ = -1, k.send_init(0, nullptr)), "<init></init>"),
+    TXT(k.send_cmd(nullptr, "a < b & \"x\"", 0, nullptr),
+        "<cmd cl=\"1\" cid=\"0\"><text format=\"_lan\">a &lt; b &amp; &quot;x&quot;</text></cmd>"),
+    TXT(k.send_cmd(nullptr, "a < b & \"x\"", 1, "abc"),
+        "<cmd cl=\"1\" cid=\"0\" flags=\"no_history\" format=\"abc\"><text format=\"_lan\">"
+        "a &lt; b &amp; &quot;x&quot;</text></cmd>"),
+    TXT(k.send_cmd(cookie(123456), "x", 2, ""),
+        "<cmd cl=\"1\" cid=\"123456\"><text format=\"_lan\">x</text></cmd>"),
+    TXT(k.send_cmd(cookie(-2), "x", 3, nullptr),
+        "<cmd cl=\"1\" cid=\"-2\" flags=\"no_history\"><text format=\"_lan\">x</text></cmd>"),
+    TXT(k.send_cmd(nullptr, "x", 0, "a&b"),
+        "<cmd cl=\"1\" cid=\"0\" format=\"a&amp;b\"><text format=\"_lan\">x</text></cmd>"),
+    REQ(k.send_cmd(nullptr, nullptr, 0, nullptr),
+        "<cmd cl=\"1\" cid=\"0\"><text format=\"_lan\"></text></cmd>"),
+    TXT(k.send_cmd_data(cookie(9), &kAbc, 1, "fm"),
+        "<cmd cl=\"1\" cid=\"9\" flags=\"no_history\" format=\"fm\"><mcode format=\"abc\">"
+        "eJxLTEoGAAJNASc=</mcode></cmd>"),
+    REQ((k.id_ = -1, k.send_cmd_data(nullptr, nullptr, 0, nullptr)), "<cmd cid=\"0\"></cmd>"),
+    TXT(k.send_completion_wanted("Int<"), "<complete cl=\"1\" value=\"Int&lt;\"/>"),
+    REQ(k.send_completion_wanted(nullptr), "<complete cl=\"1\" value=\"\"/>"),
+    TXT(k.send_dbg_cmd('q', nullptr, 0, nullptr),
+        "<dbgcmd cl=\"1\" cmd=\"q\" fname=\"\" fpos=\"0\" expr=\"\"/>"),
+    TXT(k.send_dbg_cmd('b', "f<1>.g", 17, "x>0 && y"),
+        "<dbgcmd cl=\"1\" cmd=\"b\" fname=\"f&lt;1&gt;.g\" fpos=\"17\" expr=\"x&gt;0 &amp;&amp; y\"/>"),
+    // A byte that would break the element is escaped; control bytes vanish.
+    TXT(k.send_dbg_cmd('"', nullptr, -1, nullptr),
+        "<dbgcmd cl=\"1\" cmd=\"&quot;\" fname=\"\" fpos=\"-1\" expr=\"\"/>"),
+    REQ(k.send_dbg_cmd('\n', nullptr, 0, nullptr),
+        "<dbgcmd cl=\"1\" cmd=\"\" fname=\"\" fpos=\"0\" expr=\"\"/>"),
+    REQ(k.send_dbg_cmd(0x1F, nullptr, 0, nullptr),
+        "<dbgcmd cl=\"1\" cmd=\"\" fname=\"\" fpos=\"0\" expr=\"\"/>"),
+    REQ(k.send_system_result(0), "<sysresult cl=\"1\" value=\"0\"/>"),
+    REQ(k.send_input(1, nullptr), "<input cl=\"1\" canceled=\"1\"><text format=\"_lan\"></text></input>"),
+    TXT(k.send_input(0, "y & n"),
+        "<input cl=\"1\" canceled=\"0\"><text format=\"_lan\">y &amp; n</text></input>"),
+    REQ(k.send_textinput(5, nullptr), "<textinput cl=\"1\" canceled=\"1\"></textinput>"),
+    TXT(k.send_textinput(0, "line\n2"), "<textinput cl=\"1\" canceled=\"0\">line\n2</textinput>"),
+    REQ(k.send_call_result(7, nullptr), "<callresult cl=\"1\" error=\"1\"></callresult>"),
+    REQ((k.id_ = -1, k.send_call_result(1, nullptr)), "<callresult error=\"1\"></callresult>"),
+    TXT(k.send_call_result(0, &kAbc),
+        "<callresult cl=\"1\" error=\"0\"><mcode format=\"abc\">eJxLTEoGAAJNASc=</mcode></callresult>"),
+    TXT(k.send_call_result(0, &kEmpty),
+        "<callresult cl=\"1\" error=\"0\"><mcode format=\"abc\">eJwDAAAAAAE=</mcode></callresult>"),
+    TXT(k.send_call_result(0, &kOddFormat),
+        "<callresult cl=\"1\" error=\"0\"><mcode format=\"a&quot;&lt;b\">eJxLTEoGAAJNASc=</mcode>"
+        "</callresult>"),
+    TXT(k.send_call_result(0, &kNoFormat),
+        "<callresult cl=\"1\" error=\"0\"><mcode format=\"\">eJxLTEoGAAJNASc=</mcode></callresult>"),
+    REQ(k.send_textwidth(-1), "<textwidth cl=\"1\" value=\"-1\"/>"),
+    REQ(k.send_pretty_print(2), "<prettyprint cl=\"1\" value=\"1\"/>"),
+    REQ(k.send_abbreviate_output(-1), "<abbreviateoutput cl=\"1\" value=\"1\"/>"),
+    REQ(k.send_format("Out", "text/plain"), "<format cl=\"1\" type=\"Out\" value=\"text/plain\"/>"),
+    REQ(k.send_status_wanted(), "<sendstatus cl=\"1\"/>"),
+    REQ(k.send_stop(), "<stop cl=\"1\"/>"),
+    REQ(k.send_quit(), "<quit cl=\"1\"/>"),
+    REQ((k.id_ = 0, k.send_quit()), "<quit cl=\"0\"/>"),
+    REQ((k.id_ = LONG_MAX, k.send_stop()), "<stop cl=\"9223372036854775807\"/>"),
+};
+
+class Writer : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
+};
+
+TEST_F(Writer, EveryRequestByteForByte)
+{
+    for (const Req& r : kRequests) {
+        TestKernel k(1);
+        EXPECT_EQ(r.send(k), 1) << r.want;
+        EXPECT_EQ(k.text(), r.want);
+        // The transport sends the announcement itself: it is never flushed.
+        EXPECT_EQ(k.stream.flushes, std::string(r.want).rfind("<newclient", 0) == 0 ? 0 : 1) << r.want;
+    }
+}
+
+TEST_F(Writer, AnnouncementWords)
+{
+    const struct {
+        long features;
+        unsigned char longfmt, floatfmt, coding;
+        const char* want;
+    } rows[] = {
+        {0, 0, 0, 0, "longfmt=\"\" floatfmt=\"\" coding=\"flat\" features=\"\""},
+        {0x80001, 3, 2, 7,
+         "longfmt=\"gmp\" floatfmt=\"text\" coding=\"ref ident prop \" "
+         "features=\"stay_alive can_protocol \""},
+        {0x1003C0, 9, 9, 8, "longfmt=\"\" floatfmt=\"\" coding=\"\" features=\"\""},
+        {0, 2, 1, 1, "longfmt=\"text\" floatfmt=\"ieee\" coding=\"ref \" features=\"\""},
+        {0, 2, 1, 2, "longfmt=\"text\" floatfmt=\"ieee\" coding=\"prop \" features=\"\""},
+    };
+    TestKernel k;
+    for (const auto& r : rows) {
+        k.send_new_client(nullptr, nullptr, r.features, r.longfmt, r.floatfmt, r.coding);
+        EXPECT_EQ(k.text(), std::string("<newclient name =\"\" frame=\"\" ") + r.want + "/>");
+    }
+    const char* words[] = {"stay_alive", "complete_commands", "can_debug", "can_lazy_debug",
+                           "debugger_ui", "can_plot", "can_input", "can_textinput", "can_help",
+                           "can_help_dvi", "can_browse_help", "can_exec_system", "can_quit",
+                           "can_callback", "can_typeset", "can_protocol"};
+    const long bits[] = {0x1, 0x2, 0x4, 0x8, 0x10, 0x20, 0x400, 0x800, 0x1000, 0x2000, 0x4000,
+                         0x8000, 0x10000, 0x20000, 0x40000, 0x80000};
+    std::string all;
+    for (int i = 0; i < 16; ++i) {
+        k.send_new_client(nullptr, nullptr, bits[i], 2, 1, 4);
+        EXPECT_EQ(k.text().substr(k.text().find("features=")),
+                  "features=\"" + std::string(words[i]) + " \"/>");
+        all += std::string(words[i]) + " ";
+    }
+    k.send_new_client(nullptr, nullptr, 0xFFFFF, 2, 1, 4);
+    EXPECT_EQ(k.text().substr(k.text().find("features=")), "features=\"" + all + "\"/>");
+}
+
+TEST_F(Writer, EscapingAndNumbers)
+{
+    TestKernel k(1);
+    std::string all, want;
+    for (int c = 1; c < 256; ++c) {
+        all += static_cast<char>(c);
+        const char* rep = c == '"' ? "&quot;" : c == '&' ? "&amp;" : c == '\'' ? "&apos;"
+                        : c == '<' ? "&lt;" : c == '>' ? "&gt;" : nullptr;
+        if (rep)
+            want += rep;
+        else if (c >= 0x20 || c == '\t' || c == '\n' || c == '\r')
+            want += static_cast<char>(c);
+    }
+    k.fresh();
+    k.xput_ascii_cdata(all.c_str());
+    EXPECT_EQ(k.text(), want);
+    // User text: UTF-8 passes whole through the UTF-8 locale, then the same table.
+    k.fresh();
+    k.xput_cdata("\t\n\r|\x01\x07\x1B|a'b\xC3\xA9<\xE2\x82\xAC");
+    EXPECT_EQ(k.text(), "\t\n\r||a&apos;b\xC3\xA9&lt;\xE2\x82\xAC");
+    for (const char* empty : {static_cast<const char*>(nullptr), ""}) {
+        k.fresh();
+        k.xput_cdata(empty);
+        k.xput_ascii_cdata(empty);
+        EXPECT_EQ(k.stream.writes, 0);
+    }
+    k.fresh();
+    k.xput_int(LONG_MIN);
+    EXPECT_EQ(k.text(), "-9223372036854775808");
+
+    std::string cmd, escaped;  // beyond the conversion's inline buffer
+    for (int i = 0; i < 2000; ++i)
+        cmd += "x<", escaped += "x&lt;";
+    EXPECT_EQ(k.send_cmd(nullptr, cmd.c_str(), 0, nullptr), 1);
+    EXPECT_EQ(k.text(), "<cmd cl=\"1\" cid=\"0\"><text format=\"_lan\">" + escaped + "</text></cmd>");
+}
+
+// Failing write n of a request leaves exactly writes 1..n-1, attempts no
+// further write, never flushes and keeps the code; the next request is whole.
+TEST_F(Writer, FailureAtEveryWritePositionStopsTheRequest)
+{
+    for (const Req& r : kRequests) {
+        SCOPED_TRACE(r.want);
+        TestKernel k(1);
+        ASSERT_EQ(r.send(k), 1);
+        const long total = k.stream.writes;
+        for (long n = 1; n <= total; ++n)
+            for (long code : {TKstream::Error, TKstream::OutOfMemory, 32L}) {
+                k.stream.failAt = n;
+                k.stream.failCode = code;
+                k.stream.flushes = 0;
+                EXPECT_EQ(r.send(k), 0) << n;
+                EXPECT_EQ(k.stream.writes, n);
+                EXPECT_EQ(k.stream.flushes, 0);
+                EXPECT_EQ(k.status_, code);
+                EXPECT_LT(k.text().size(), std::strlen(r.want));
+                EXPECT_EQ(std::string(r.want).compare(0, k.text().size(), k.text()), 0) << n;
+                EXPECT_EQ(k.xend(), 0);
+                k.stream.failAt = 0;
+                EXPECT_EQ(r.send(k), 1);
+                EXPECT_EQ(k.text(), r.want);
+            }
+    }
+}
+
+// A throwing write inside user text or a payload ends the request with 0;
+// elsewhere (always so for the first write) it reaches the caller.
+TEST_F(Writer, ThrowingWriteIsContainedInTextAndPayloadOnly)
+{
+    for (const Req& r : kRequests) {
+        SCOPED_TRACE(r.want);
+        TestKernel k(1);
+        ASSERT_EQ(r.send(k), 1);
+        const long total = k.stream.writes;
+        int caught = 0;
+        for (long n = 1; n <= total; ++n) {
+            k.stream.failAt = n;
+            k.stream.throws = true;
+            k.stream.flushes = 0;
+            try {
+                EXPECT_EQ(r.send(k), 0) << n;
+                EXPECT_NE(n, 1);
+                EXPECT_EQ(k.status_, TKstream::Error);
+                EXPECT_EQ(k.stream.writes, n);
+                ++caught;
+            } catch (const std::bad_alloc&) {
+            }
+            EXPECT_EQ(k.stream.flushes, 0);
+            k.stream.failAt = 0;
+            EXPECT_EQ(r.send(k), 1);
+            EXPECT_EQ(k.text(), r.want);
+        }
+        EXPECT_EQ(caught > 0, r.contained);
+    }
+}
+
+TEST_F(Writer, FailedFlushFailsOnlyThatRequest)
+{
+    TestKernel k(1);
+    k.stream.failFlush = true;
+    EXPECT_EQ(k.send_stop(), 0);
+    EXPECT_EQ(k.status_, TKstream::Error);
+    k.stream.failFlush = false;
+    EXPECT_EQ(k.send_stop(), 1);
+}
+
+// The conversion itself throws when the address space is capped just above
+// what the process uses and the text is large.
+TEST_F(Writer, ThrowingConversionFailsOnlyThatRequest)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "address-space limits do not work under AddressSanitizer";
+#endif
+    TestKernel k(1);
+    const std::string big(64u << 20, 'x');
+    ASSERT_EQ(k.send_cmd(nullptr, "warm", 0, nullptr), 1);
+    unsigned long pages = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    ASSERT_TRUE(f && std::fscanf(f, "%lu", &pages) == 1);
+    std::fclose(f);
+    struct rlimit old, cap;
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &old), 0);
+    cap = old;
+    cap.rlim_cur = pages * 4096ul + (32ul << 20);
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &cap), 0);
+    const int bigResult = k.send_cmd(nullptr, big.c_str(), 0, nullptr);
+    const long status = k.status_;
+    const int after = k.send_cmd(nullptr, "after", 0, nullptr);
+    setrlimit(RLIMIT_AS, &old);
+    EXPECT_EQ(bigResult, 0);
+    EXPECT_EQ(status, TKstream::Error);
+    EXPECT_EQ(after, 1);
+    EXPECT_EQ(k.text(), "<cmd cl=\"1\" cid=\"0\"><text format=\"_lan\">after</text></cmd>");
+}
+
+// ---- mcode ---------------------------------------------------------------------
+
+// The base64 text of the n-th mcode element of a request.
+std::string mcodeText(const std::string& req, int n = 0)
+{
+    std::size_t start = 0;
+    for (int i = 0; i <= n; ++i)
+        start = req.find("\">", req.find("<mcode format=\"", start)) + 2;
+    return req.substr(start, req.find("</mcode>", start) - start);
+}
+
+std::string unbase64(const std::string& b64)
+{
+    TKbase64Decoder dec;
+    std::string bin;
+    unsigned char c;
+    for (char ch : b64)
+        if (dec.put(static_cast<unsigned char>(ch)))
+            while (dec.get(c))
+                bin += static_cast<char>(c);
+    dec.messageEnd();
+    while (dec.get(c))
+        bin += static_cast<char>(c);
+    return bin;
+}
+
+// Decoded with the library's base64 decoder, inflated with zlib's one-shot call.
+std::string unpack(const std::string& b64, std::size_t size)
+{
+    const std::string bin = unbase64(b64);
+    std::string out(size + 1, '\0');
+    uLongf n = out.size();
+    EXPECT_EQ(uncompress(reinterpret_cast<Bytef*>(&out[0]), &n,
+                         reinterpret_cast<const Bytef*>(bin.data()), bin.size()), Z_OK);
+    out.resize(n);
+    return out;
+}
+
+std::string randomBytes(std::size_t n, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::string s(n, '\0');
+    for (char& c : s)
+        c = static_cast<char>(rng());
+    return s;
+}
+
+TAM_DataTAG record(const std::string& s)
+{
+    return {"f", reinterpret_cast<const unsigned char*>(s.data()), s.size()};
+}
+
+bool deflateIsReset(TestKernel& k) { return k.zstream_.total_in == 0 && k.zstream_.total_out == 0; }
+
+TEST_F(Writer, LargePayloadsRoundTripAsIndependentStreams)
+{
+    TestKernel k(2);
+    const std::string data = randomBytes(100000, 12345), zeros(100000, '\0'), small = "second";
+    for (const std::string* s : {&data, &zeros}) {
+        const TAM_DataTAG rec = record(*s);
+        ASSERT_EQ(k.send_call_result(0, &rec), 1);
+        const std::string b64 = mcodeText(k.text());
+        EXPECT_EQ(k.text().rfind("</mcode></callresult>"), k.text().size() - 21);
+        EXPECT_EQ(b64.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                        "0123456789+/="), std::string::npos);
+        EXPECT_EQ(b64.size() % 4, 0u);
+        EXPECT_TRUE(unpack(b64, s->size()) == *s);
+        EXPECT_TRUE(deflateIsReset(k));
+    }
+    EXPECT_LT(mcodeText(k.text()).size(), 400u) << "zeros compress";
+
+    // Nothing carries over from one payload to the next, within a request too.
+    const TAM_DataTAG a = record(data), b = record(small);
+    k.send_call_result(0, &a);
+    const std::string first = k.text();
+    k.send_call_result(0, &b);
+    k.send_call_result(0, &a);
+    EXPECT_TRUE(k.text() == first);
+    k.fresh();
+    k.xput_mcode(&b);
+    k.xput_mcode(&b);
+    EXPECT_EQ(mcodeText(k.text(), 0), mcodeText(k.text(), 1));
+    EXPECT_EQ(unpack(mcodeText(k.text(), 1), small.size()), small);
+}
+
+// A write failing inside a payload of many base64 batches: nothing more is
+// written, the element stays open, deflate is reset, the next payload is whole.
+TEST_F(Writer, FailureInsideThePayload)
+{
+    const std::string data = randomBytes(20000, 7);
+    const TAM_DataTAG rec = record(data);
+    TestKernel k(1);
+    ASSERT_EQ(k.send_call_result(0, nullptr), 1);
+    // `<mcode format="`, the name and `">` come before the first batch.
+    const long firstBatch = k.stream.writes - 1 + 3 + 1;
+    ASSERT_EQ(k.send_call_result(0, &rec), 1);
+    const std::string good = k.text();
+    const long total = k.stream.writes;
+    ASSERT_GT(total, firstBatch + 10);
+    for (bool throws : {false, true})
+        for (long n : {firstBatch, firstBatch + 1, total - 2, total - 1}) {
+            k.stream.throws = throws;
+            k.stream.failAt = n;
+            EXPECT_EQ(k.send_call_result(0, &rec), 0) << n;
+            EXPECT_EQ(k.stream.writes, n);
+            EXPECT_EQ(k.status_, TKstream::Error);
+            EXPECT_EQ(k.text().find("</mcode>"), std::string::npos);
+            EXPECT_EQ(good.compare(0, k.text().size(), k.text()), 0);
+            EXPECT_TRUE(deflateIsReset(k)) << n;
+            k.stream.failAt = 0;
+            ASSERT_EQ(k.send_call_result(0, &rec), 1);
+            EXPECT_TRUE(k.text() == good);
+        }
+}
+
+// A deflate state that cannot work (as after a failed set-up) fails the
+// payload and leaves the element open.
+TEST_F(Writer, DeflateErrorFailsTheRequest)
+{
+    TestKernel k(1);
+    deflateEnd(&k.zstream_);
+    EXPECT_EQ(k.send_call_result(0, &kAbc), 0);
+    EXPECT_EQ(k.status_, TKstream::Error);
+    EXPECT_EQ(k.text(), "<callresult cl=\"1\" error=\"0\"><mcode format=\"abc\">");
+    EXPECT_EQ(k.send_stop(), 1);
+    ASSERT_EQ(deflateInit(&k.zstream_, Z_DEFAULT_COMPRESSION), Z_OK);  // for the destructor
+}
+
+// zlib counts input in 32 bits: a length of 4 GiB and more must reach
+// deflate in pieces of at most UINT_MAX bytes, back to back, and only the
+// last may finish the stream. Compressing 4 GiB for real takes half a
+// minute, so while skimming the deflate the library calls (this executable
+// interposes it) takes the pieces without reading them.
+bool gSkimming = false;
+std::vector<std::pair<const Bytef*, uInt>> gPieces;
+std::vector<int> gFlushes;
+
+} // namespace
+
+extern "C" int deflate(z_streamp s, int flush)
+{
+    static const auto real = reinterpret_cast<int (*)(z_streamp, int)>(dlsym(RTLD_NEXT, "deflate"));
+    if (!gSkimming)
+        return real(s, flush);
+    gPieces.emplace_back(s->next_in, s->avail_in);
+    gFlushes.push_back(flush);
+    s->next_in += s->avail_in;
+    s->avail_in = 0;
+    return flush == Z_FINISH ? Z_STREAM_END : Z_OK;
+}
+
+namespace {
+
+TEST_F(Writer, PayloadBeyondFourGiBGoesToZlibInPieces)
+{
+    const uint64_t len = (uint64_t(1) << 32) + 5;
+    // Address space only: reading any of it would crash.
+    void* mem = mmap(nullptr, len, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mem == MAP_FAILED)
+        GTEST_SKIP() << "cannot reserve 4 GiB";
+    const auto* data = static_cast<const Bytef*>(mem);
+    const TAM_DataTAG rec = {"z", data, len};
+    TestKernel k(1);
+    gSkimming = true;
+    const int rc = k.send_call_result(0, &rec);
+    gSkimming = false;
+    munmap(mem, len);
+    EXPECT_EQ(rc, 1);
+    using Piece = std::pair<const Bytef*, uInt>;
+    EXPECT_EQ(gPieces, (std::vector<Piece>{{data, UINT_MAX}, {data + UINT_MAX, 6}}));
+    EXPECT_EQ(gFlushes, (std::vector<int>{Z_NO_FLUSH, Z_FINISH}));
+    EXPECT_EQ(k.text(), "<callresult cl=\"1\" error=\"0\"><mcode format=\"z\"></mcode></callresult>");
+    // The real deflate is back, with a clean state.
+    EXPECT_EQ(k.send_call_result(0, &kAbc), 1);
+    EXPECT_EQ(mcodeText(k.text()), "eJxLTEoGAAJNASc=");
+}
+
+} // namespace
