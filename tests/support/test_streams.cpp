@@ -15,22 +15,30 @@ extern "C" const char* __asan_default_options() { return "allocator_may_return_n
 
 namespace {
 
-// Sees the capacity, where the buffer lives and every recorded status code.
+const long Ok = TKstream::Ok, Err = TKstream::Error, Oom = TKstream::OutOfMemory;
+
+// Sees where the buffer lives, its capacity and every recorded status code.
 struct ProbeHeap : TKheapStream {
     using TKheapStream::TKheapStream;
     using TKmemoryStream::status;
     std::vector<long> log;
     long status(long code) override { log.push_back(code); return TKheapStream::status(code); }
-    unsigned long capacity() const { return size_; }
-    bool isInline() const { return data_ >= reinterpret_cast<const unsigned char*>(this) && data_ < reinterpret_cast<const unsigned char*>(this + 1); }
+    std::string where() const
+    {
+        auto* self = reinterpret_cast<const unsigned char*>(this);
+        return (data_ >= self && data_ < self + sizeof *this ? "inline " : "heap ") + std::to_string(size_);
+    }
     std::string text() { return std::string(reinterpret_cast<char*>(data()), length()); }
+    const char* cstr() { return reinterpret_cast<char*>(data()); }
 };
+
+unsigned char* bytes(std::string& s) { return reinterpret_cast<unsigned char*>(&s[0]); }
 
 long put(TKstream& s, const std::string& text)
 {
     unsigned long count = 99;
     long rc = s.write(text.data(), text.size(), count);
-    EXPECT_EQ(rc == TKstream::Ok ? text.size() : 0u, count);
+    EXPECT_EQ(rc == Ok ? text.size() : 0u, count);
     return rc;
 }
 
@@ -38,31 +46,29 @@ std::string take(TKstream& s, unsigned long n)
 {
     std::string out(n, '\0');
     unsigned long count = 0;
-    EXPECT_EQ(TKstream::Ok, s.read(&out[0], n, count));
+    EXPECT_EQ(Ok, s.read(&out[0], n, count));
     return out.substr(0, count);
 }
-
-const long Ok = TKstream::Ok, Err = TKstream::Error, Oom = TKstream::OutOfMemory;
 
 } // namespace
 
 TEST(HeapStream, GrowsInWholeStepsAndRecordsEveryResult)
 {
-    ProbeHeap h;
+    ProbeHeap h, once, odd(512, 100), big(LONG_MAX, 512);
     EXPECT_EQ(Ok, put(h, std::string(512, 'a')));
-    EXPECT_TRUE(h.isInline());
+    EXPECT_EQ("inline 512", h.where());
     EXPECT_EQ(Ok, h.discard(2));
     EXPECT_EQ(Ok, put(h, "bcd"));  // grows with content and position kept
-    EXPECT_FALSE(h.isInline());
-    EXPECT_EQ(1024u, h.capacity());
+    EXPECT_EQ("heap 1024", h.where());
     EXPECT_EQ(std::string(510, 'a') + "bcd", h.text());
-    ProbeHeap once, odd(512, 100);
     put(once, std::string(1024, 'c'));
-    EXPECT_EQ(1536u, once.capacity());  // strictly above the size asked for
+    EXPECT_EQ("heap 1536", once.where());  // strictly above the size asked for
     EXPECT_EQ(Ok, odd.set_size(1000));
-    EXPECT_EQ(1012u, odd.capacity());  // 512 + 100 * (488 / 100 + 1)
-    EXPECT_EQ(4096u, ProbeHeap(4096, 512).capacity());
-    EXPECT_EQ(512u, ProbeHeap(100, 512).capacity());
+    EXPECT_EQ("heap 1012", odd.where());  // 512 + 100 * (488 / 100 + 1)
+    EXPECT_EQ("heap 4096", ProbeHeap(4096, 512).where());
+    EXPECT_EQ("inline 512", ProbeHeap(100, 512).where());
+    EXPECT_EQ(Oom, big.status());  // a failed first allocation leaves the inline buffer
+    EXPECT_EQ("inline 512", big.where());
 
     char buf[8];
     unsigned long n;
@@ -78,11 +84,6 @@ TEST(HeapStream, GrowsInWholeStepsAndRecordsEveryResult)
     EXPECT_EQ(1113u, h.length());
     h.clear();
     EXPECT_EQ((std::vector<long>{Err, Ok, Ok, Ok, Ok, Oom, Oom, Ok}), h.log);
-
-    ProbeHeap big(LONG_MAX, 512);  // a failed first allocation leaves the inline buffer
-    EXPECT_EQ(Oom, big.status());
-    EXPECT_EQ(512u, big.capacity());
-    EXPECT_EQ(Ok, put(big, "still works"));
 }
 
 TEST(MemoryStream, RewindTerminatesWithoutCountingTheTerminator)
@@ -90,67 +91,64 @@ TEST(MemoryStream, RewindTerminatesWithoutCountingTheTerminator)
     ProbeHeap h;
     put(h, "abc");
     EXPECT_EQ(Ok, h.rewind());
-    EXPECT_STREQ("abc", reinterpret_cast<char*>(h.data()));
+    EXPECT_STREQ("abc", h.cstr());
     EXPECT_EQ("abc", take(h, 10));  // back at the start; the zero is not content
     h.rewind();
     put(h, "x");
     h.rewind();
-    EXPECT_STREQ("x", reinterpret_cast<char*>(h.data()));
+    EXPECT_STREQ("x", h.cstr());
     EXPECT_EQ(3u, h.length());  // high-water mark
     h.clear();
     EXPECT_TRUE(h.eom());
     put(h, std::string(512, 'q'));  // full: a heap stream grows for the zero
     EXPECT_EQ(Ok, h.rewind());
-    EXPECT_EQ(1024u, h.capacity());
-    EXPECT_EQ(512u, strlen(reinterpret_cast<char*>(h.data())));
+    EXPECT_EQ("heap 1024", h.where());
+    EXPECT_EQ(std::string(512, 'q'), h.cstr());
 
-    unsigned char mem[5] = {1, 2, 3, 4, 0x55};
-    TKbufferStream b(mem, 4);  // a buffer stream cannot grow
+    std::string mem = "1234\x55";
+    TKbufferStream b(bytes(mem), 4);  // a buffer stream cannot grow
     put(b, "wxyz");
     EXPECT_EQ(Oom, b.rewind());
-    EXPECT_EQ(0x55, mem[4]);
+    EXPECT_EQ("wxyz\x55", mem);
     EXPECT_EQ(Ok, b.discard(4));  // the position had not moved
     EXPECT_EQ(Err, b.discard(1));
 }
 
 TEST(BufferStream, OverflowAndCopy)
 {
-    unsigned char mem[11] = {'h', 'e', 'l', 'l', 'o', '-', '-', '-', '-', '-', 0x77};
-    TKbufferStream b(mem, 5);  // the whole buffer starts as content
-    EXPECT_EQ("hel", take(b, 3));
-    EXPECT_EQ("lo", take(b, 9));
+    std::string mem = "hello-----\x77", src = "abcdefgh";
+    TKbufferStream b(bytes(mem), 5), source(bytes(src), 8);  // the whole buffer starts as content
+    EXPECT_EQ("hello", take(b, 9));
     EXPECT_TRUE(b.eom());
-    b.set_buffer(mem, 10);
+    b.set_buffer(bytes(mem), 10);
     EXPECT_EQ(Ok, put(b, "0123456789"));
     EXPECT_EQ(Oom, put(b, "!"));
-    EXPECT_EQ(0x77, mem[10]);
+    EXPECT_EQ("0123456789\x77", mem);
     EXPECT_EQ(Ok, b.set_size(10));
     EXPECT_EQ(Oom, b.set_size(11));
-    b.set_buffer(mem, 3);
+    b.set_buffer(bytes(mem), 3);
     EXPECT_EQ(Ok, b.status());
     EXPECT_EQ("012", take(b, 9));
 
-    // The buffer stream's copy() takes one read and says if the source had more.
-    unsigned char src[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
-    TKbufferStream source(src, 8);
-    b.set_buffer(mem, 5);
+    // Its copy() takes one read and says if the source had more.
+    b.set_buffer(bytes(mem), 5);
     put(b, "X");
     EXPECT_EQ(Oom, b.copy(&source));
-    EXPECT_EQ(0, memcmp(mem, "Xabcd56789\x77", 11));
-    b.set_buffer(mem, 5);
+    EXPECT_EQ("Xabcd56789\x77", mem);
+    b.set_buffer(bytes(mem), 5);
     EXPECT_EQ(Ok, b.copy(&source));
     EXPECT_EQ(Ok, b.status());
-    EXPECT_EQ(0, memcmp(mem, "efghd", 5));
+    EXPECT_EQ("efghd56789\x77", mem);
 
     // The default copy() moves everything left, 512 bytes at a time.
-    std::vector<unsigned char> big(1300);
-    for (size_t i = 0; i < big.size(); ++i)
-        big[i] = static_cast<unsigned char>(i * 7);
-    TKbufferStream from(big.data(), big.size());
+    std::string large(1300, '\0');
+    for (size_t i = 0; i < large.size(); ++i)
+        large[i] = static_cast<char>(i * 7);
+    TKbufferStream from(bytes(large), large.size());
     take(from, 100);
     ProbeHeap h;
     EXPECT_EQ(Ok, h.copy(&from));
-    EXPECT_EQ(std::string(big.begin() + 100, big.end()), h.text());
+    EXPECT_EQ(large.substr(100), h.text());
 }
 
 TEST(FileStream, OverAPipe)
@@ -209,7 +207,7 @@ TEST(FileStream, RewindGoesToTheStartingPositionAndFailuresGiveErrno)
 TEST(ReadCString, StopsAtTheTerminator)
 {
     std::string text = "ab" + std::string(1, '\0') + std::string(2000, 'L') + '\0' + "tail";
-    TKbufferStream b(reinterpret_cast<unsigned char*>(&text[0]), text.size());
+    TKbufferStream b(bytes(text), text.size());
     for (const std::string& expected : {std::string("ab"), std::string(2000, 'L')}) {
         char* s = TKreadCString(&b);
         ASSERT_NE(nullptr, s);

@@ -1,720 +1,789 @@
-// The kernel as a real process, spoken to over its socket with the bytes a
-// client library writes.
+// The kernel as a real process, driven through the client library over its
+// socket; raw bytes only where a well-behaved library cannot say them.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <csignal>
-#include <fstream>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
-#include "tamkern/KernelClient.h"
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
 
-using namespace kt;
+#include "tamix/tamix.h"
 
 namespace {
 
+using Events = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
 const char kLongLoop[] = "s:=0; for k from 1 to 10^9 do s:=s+k; od; s";
 
-struct Session {
-    TempDir dir;
-    std::unique_ptr<Kernel> kernel;
-    std::unique_ptr<Conn> conn;
-    long cl = -1;
+// One client and what its handlers saw, in order.
+struct Client {
+    TAM_KernelImpl* k = nullptr;
+    Events ev;
+    std::size_t mark = 0;  // start of what fresh() returns
+    std::vector<std::string> initArgs;
+    long used = -1, res = -1, sec = -1;
+    bool paused = false;  // the pump leaves its socket unread
 
-    explicit Session(bool standalone = false, const std::string& features = "can_quit ")
+    Events fresh()
     {
-        kernel = standalone ? Kernel::standalone(dir) : Kernel::launch(dir);
-        if (!kernel)
-            return;
-        conn = std::make_unique<Conn>(kernel->socketPath());
-        cl = conn->newClient(features);
-        if (cl >= 0)
-            conn->init(cl, {"-l", TAMKERN_LIBDIR});
+        Events r(ev.begin() + static_cast<long>(mark), ev.end());
+        mark = ev.size();
+        return r;
     }
-    bool ok() const { return kernel && conn && conn->connected() && cl >= 0; }
-    std::vector<Msg> cmd(const std::string& text, long long cid = 5) { return conn->cmd(cl, text, cid); }
-    std::string request(const char* name, const std::string& rest = "")
+    bool has(const std::string& e) const
     {
-        return "<" + std::string(name) + " cl=\"" + std::to_string(cl) + "\"" + rest;
+        for (std::size_t i = mark; i < ev.size(); ++i)
+            if (ev[i] == e)
+                return true;
+        return false;
     }
 };
 
-std::string single(const std::vector<std::string>& v)
+Client& of(TAM_KernelImpl* k) { return *static_cast<Client*>(TAM_get_client_data(k)); }
+void rec(TAM_KernelImpl* k, const std::string& e) { of(k).ev.push_back(e); }
+std::string cid(void* cookie) { return std::to_string(reinterpret_cast<intptr_t>(cookie)); }
+void* cookie(long long cid) { return reinterpret_cast<void*>(static_cast<intptr_t>(cid)); }
+std::string bytes(const TAM_DataTAG* d)
 {
-    return v.size() == 1 ? v[0] : "<" + std::to_string(v.size()) + " outputs>";
+    return std::string(d->format) + ": " + std::string(reinterpret_cast<const char*>(d->data), d->length);
 }
 
-// The kernel writes its log asynchronously to what a client sees.
-bool logShows(Kernel& k, const std::string& needle, int timeoutMs = 3000)
+void watch(TAM_KernelImpl* k, Client* c)
 {
-    for (int waited = 0;; waited += 20) {
-        if (k.log().find(needle) != std::string::npos)
-            return true;
-        if (waited >= timeoutMs)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    TAM_set_client_data(k, c);
+    TAM_set_on_init_wanted_handler(k, [](TAM_KernelImpl* k) {
+        rec(k, "init");
+        std::vector<const char*> argv;
+        for (const std::string& a : of(k).initArgs)
+            argv.push_back(a.c_str());
+        TAM_send_init(k, static_cast<long>(argv.size()), argv.data());
+    });
+    TAM_set_on_kernel_ready_handler(k, [](TAM_KernelImpl* k) { rec(k, "ready"); });
+    TAM_set_on_output_handler(k, [](TAM_KernelImpl* k, void* c, const char* type, const char* fmt, const char* t) {
+        rec(k, cid(c) + " " + type + "/" + fmt + ": " + t);
+    });
+    TAM_set_on_output_data_handler(k, [](TAM_KernelImpl* k, void* c, const char* type, const TAM_DataTAG* d) {
+        rec(k, cid(c) + " " + type + "/data " + bytes(d));
+    });
+    TAM_set_on_finished_handler(k, [](TAM_KernelImpl* k, void* c) { rec(k, cid(c) + " finished"); });
+    TAM_set_on_input_wanted_handler(k, [](TAM_KernelImpl* k, void* c, int text, const char* prompt) {
+        rec(k, cid(c) + (text ? " textinput: " : " input: ") + prompt);
+    });
+    TAM_set_on_callback_handler(k, [](TAM_KernelImpl* k, void* c, const TAM_DataTAG* d) {
+        rec(k, cid(c) + " callback " + bytes(d));
+    });
+    TAM_set_on_help_handler(k, [](TAM_KernelImpl* k, const char* v) { rec(k, std::string("help: ") + v); });
+    TAM_set_on_system_handler(k, [](TAM_KernelImpl* k, const char* v) { rec(k, std::string("system: ") + v); });
+    TAM_set_on_textwidth_changed_handler(k, [](TAM_KernelImpl* k, long v) { rec(k, "textwidth " + std::to_string(v)); });
+    TAM_set_on_pretty_print_changed_handler(k, [](TAM_KernelImpl* k, int v) { rec(k, "prettyprint " + std::to_string(v)); });
+    TAM_set_on_abbreviate_output_changed_handler(k, [](TAM_KernelImpl* k, int v) {
+        rec(k, "abbreviateoutput " + std::to_string(v));
+    });
+    TAM_set_on_format_changed_handler(k, [](TAM_KernelImpl* k, const char* type, const char* f) {
+        rec(k, std::string("format ") + type + " " + f);
+    });
+    TAM_set_on_select_format_handler(k, [](TAM_KernelImpl* k, const char* type, long n, const char** f) {
+        std::string e = std::string("selformat ") + type + ":";
+        for (long i = 0; i < n; ++i)
+            e += std::string(" ") + f[i];
+        rec(k, e);  // left unanswered: results stay text
+    });
+    TAM_set_on_status_handler(k, [](TAM_KernelImpl* k, long used, long res, long sec) {
+        of(k).used = used, of(k).res = res, of(k).sec = sec;
+        rec(k, "status");
+    });
+    TAM_set_on_input_completion_handler(k, [](TAM_KernelImpl* k, const char* list, const char* pref) {
+        rec(k, std::string("completion ") + pref + ": " + list);
+    });
+    TAM_set_on_quit_handler(k, [](TAM_KernelImpl* k) { rec(k, "quit"); });
+}
+
+int msLeft(Clock::time_point end)
+{
+    auto d = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    return d < 0 ? 0 : static_cast<int>(d);
+}
+
+void rawSend(int fd, const std::string& s) { ASSERT_EQ(::send(fd, s.data(), s.size(), MSG_NOSIGNAL), (ssize_t)s.size()); }
+
+// Reads a raw connection until needle shows up, or (empty needle) until the
+// kernel closes it, which is then marked "<closed>"; "" when neither happens
+// in time.
+std::string rawRead(int fd, const std::string& needle, int ms = 5000)
+{
+    std::string got;
+    for (auto end = Clock::now() + std::chrono::milliseconds(ms); msLeft(end) > 0;) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, msLeft(end)) <= 0)
+            continue;
+        char buf[4096];
+        ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n <= 0)
+            return needle.empty() ? got + "<closed>" : "";
+        got.append(buf, static_cast<std::size_t>(n));
+        if (!needle.empty() && got.find(needle) != std::string::npos)
+            return got;
     }
+    return "";
 }
 
-bool endsWithFinished(const std::vector<Msg>& m, long long cid)
-{
-    return !m.empty() && m.back().name == "finished" && m.back().num("cid") == cid;
-}
+const char kNewClient[] =
+    "<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>";
+
+class Tamkern : public ::testing::Test {
+protected:
+    void SetUp() override { ::alarm(60); }  // a hung kernel must not hang the suite
+    void TearDown() override
+    {
+        for (int fd : raw_)
+            ::close(fd);
+        // Newest first: the launched connection's last client, which waits
+        // for the kernel to end, goes after every joined one.
+        for (auto it = clients_.rbegin(); it != clients_.rend(); ++it)
+            TAM_delete_kernel((*it)->k);
+        for (const std::string& f : clientFiles_)
+            ::unlink(f.c_str());
+        if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (std::system(("rm -rf '" + dir_ + "'").c_str()) != 0)
+            ADD_FAILURE() << "cannot remove " << dir_;
+        ::alarm(0);
+    }
+
+    // Launches tamkern through the library, its stdout and stderr going to
+    // the log; the connection's first client, not yet announced.
+    TAM_KernelImpl* launch(const char* name = "main")
+    {
+        std::fflush(nullptr);
+        int saved[2] = {::dup(1), ::dup(2)};
+        int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(log, 1);
+        ::dup2(log, 2);
+        TAM_KernelImpl* k = TAM_new_uds_kernel(TAMKERN_PATH, name);
+        for (int i : {1, 2}) {
+            ::dup2(saved[i - 1], i);
+            ::close(saved[i - 1]);
+        }
+        ::close(log);
+        if (!k)
+            return nullptr;
+        path_ = TAM_get_listen_path(k);
+        ucred cred{};
+        socklen_t len = sizeof cred;
+        ::getsockopt(TAM_get_client_fd(k), SOL_SOCKET, SO_PEERCRED, &cred, &len);
+        pid_ = cred.pid;
+        return k;
+    }
+    // tamkern --listen PATH as a child of the test; true once it listens.
+    bool standalone()
+    {
+        path_ = dir_ + "/k.sock";
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ::dup2(log, 1);
+            ::dup2(log, 2);
+            ::execl(TAMKERN_PATH, "tamkern", "--listen", path_.c_str(), static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        struct stat st;
+        for (auto end = Clock::now() + std::chrono::seconds(20); msLeft(end) > 0; usleep(20000))
+            if (::lstat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+                return true;
+        return false;
+    }
+    // A client on connection k: announced, initialised and ready.
+    Client& add(TAM_KernelImpl* k, long features = TAM_FEATURE_CAN_QUIT,
+                std::vector<std::string> args = {"-l", TAMKERN_LIBDIR}, bool wait = true)
+    {
+        clients_.push_back(std::make_unique<Client>());
+        Client& c = *clients_.back();
+        c.k = k;
+        c.initArgs = std::move(args);
+        if (!k) {
+            ADD_FAILURE() << "no connection";
+            return c;
+        }
+        watch(k, &c);
+        sockaddr_un a{};
+        socklen_t len = sizeof a;
+        if (::getsockname(TAM_get_client_fd(k), reinterpret_cast<sockaddr*>(&a), &len) == 0 && a.sun_path[0])
+            clientFiles_.push_back(a.sun_path);
+        EXPECT_EQ(TAM_send_new_client(k, "test", nullptr, features), 1);
+        if (wait && !pump([&] { return c.has("ready"); }))
+            ADD_FAILURE() << "no ready";
+        c.mark = c.ev.size();  // the start-up stays in ev
+        return c;
+    }
+    Client& join(const char* name, long features = TAM_FEATURE_CAN_QUIT)
+    {
+        return add(TAM_connect_uds_kernel(path_.c_str(), name), features);
+    }
+    // Another client on the connection of c.
+    Client& another(Client& c, long features = TAM_FEATURE_CAN_QUIT)
+    {
+        return add(TAM_get_uds_kernel(nullptr, TAM_get_kernel_name(c.k), 0), features);
+    }
+
+    // Runs the library's input loop over the clients' sockets until cond
+    // holds or the time is up.
+    bool pump(const std::function<bool()>& cond, int ms = 15000)
+    {
+        for (auto end = Clock::now() + std::chrono::milliseconds(ms); !cond();) {
+            if (msLeft(end) == 0)
+                return false;
+            std::vector<pollfd> fds;
+            for (auto& c : clients_) {
+                int fd = TAM_get_client_fd(c->k);
+                bool seen = false;
+                for (const pollfd& p : fds)
+                    seen = seen || p.fd == fd;
+                if (fd >= 0 && !c->paused && !seen)
+                    fds.push_back(pollfd{fd, POLLIN, 0});
+            }
+            if (::poll(fds.data(), fds.size(), std::min(msLeft(end), 50)) <= 0)
+                continue;
+            for (const pollfd& p : fds) {
+                char b;
+                if (p.revents && ::recv(p.fd, &b, 1, MSG_PEEK | MSG_DONTWAIT) == 0)
+                    return cond();  // closed by the kernel: nothing more will come
+                if (p.revents)
+                    TAM_read_uds_input(p.fd);
+            }
+        }
+        return true;
+    }
+    // Everything the client hears until at least n more messages came.
+    Events next(Client& c, std::size_t n = 1, int ms = 15000)
+    {
+        pump([&] { return c.ev.size() >= c.mark + n; }, ms);
+        return c.fresh();
+    }
+    Events finished(Client& c, long long id = 5, int ms = 15000)
+    {
+        pump([&] { return c.has(std::to_string(id) + " finished"); }, ms);
+        return c.fresh();
+    }
+    Events run(Client& c, const char* text, long long id = 5)
+    {
+        c.fresh();
+        EXPECT_EQ(TAM_send_cmd(c.k, cookie(id), text), 1);
+        return finished(c, id);
+    }
+    // The result of a command that gives just one, or what came instead.
+    std::string result(Client& c, const char* text)
+    {
+        Events e = run(c, text);
+        const std::string head = "5 result/text: ";
+        if (e.size() == 2 && e[0].rfind(head, 0) == 0 && e[1] == "5 finished")
+            return e[0].substr(head.size());
+        std::string all = "not one result:";
+        for (const std::string& s : e)
+            all += "\n  " + s;
+        return all;
+    }
+
+    std::string logPath() const { return dir_ + "/kernel.log"; }
+    std::string log() const
+    {
+        std::ifstream in(logPath());
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    // The kernel writes its log independently of what clients see.
+    bool logShows(const std::string& needle)
+    {
+        for (int i = 0; i < 150 && log().find(needle) == std::string::npos; ++i)
+            usleep(20000);
+        return log().find(needle) != std::string::npos;
+    }
+    int rawConnect()
+    {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::strncpy(a.sun_path, path_.c_str(), sizeof a.sun_path - 1);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+            ADD_FAILURE() << "cannot connect to " << path_;
+        raw_.push_back(fd);
+        return fd;
+    }
+    // The kernel's exit status, or -1 if it is still running after ms.
+    int waitExit(int ms)
+    {
+        for (auto end = Clock::now() + std::chrono::milliseconds(ms);; usleep(20000)) {
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            }
+            if (msLeft(end) == 0)
+                return -1;
+        }
+    }
+    bool socketGone() const
+    {
+        struct stat st;
+        return ::lstat(path_.c_str(), &st) != 0;
+    }
+
+    std::string dir_ = [] {
+        char t[] = "/tmp/tamkern-test-XXXXXX";
+        return std::string(::mkdtemp(t));
+    }();
+    std::string path_;
+    pid_t pid_ = -1;
+    std::vector<std::unique_ptr<Client>> clients_;
+    std::vector<std::string> clientFiles_;
+    std::vector<int> raw_;
+};
 
 } // namespace
 
-TEST(TamkernStartup, LaunchSignalsParentAndListensOwnerOnly)
+TEST_F(Tamkern, StartupHandshakeSocketAndInitFile)
 {
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k) << "no SIGUSR1 from the kernel";
+    TAM_KernelImpl* k = launch();
+    ASSERT_TRUE(k) << "no handshake with the launched kernel";
     struct stat st;
-    ASSERT_EQ(::lstat(k->socketPath().c_str(), &st), 0);
+    ASSERT_EQ(::lstat(path_.c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 077, 0u) << std::oct << st.st_mode;
     EXPECT_EQ(st.st_uid, ::geteuid());
+    // The shipped start-up file is valid: no warnings.
+    Client& shipped = add(k);
+    EXPECT_EQ(shipped.ev, (Events{"init", "ready"}));
 
-    Conn c(k->socketPath());
-    ASSERT_TRUE(c.connected());
-    long id = c.newClient();
+    std::string lib = dir_ + "/lib";
+    ASSERT_EQ(::mkdir(lib.c_str(), 0700), 0);
+    ASSERT_EQ(::mkdir((lib + "/tamkern").c_str(), 0700), 0);
+    std::ofstream(lib + "/tamkern/init") << "# comment\ninitvalue:=123\n\nprint(\"not shown\")\n1+*2\n";
+    Client& own = add(TAM_get_uds_kernel(nullptr, "main", 0), TAM_FEATURE_CAN_QUIT, {"-l", lib, "-zz"});
+    // Start-up commands are silent; a failing line and an unknown argument
+    // are warnings.
+    const Events& e = own.ev;
+    ASSERT_EQ(e.size(), 4u) << ::testing::PrintToString(e);
+    EXPECT_EQ(e[0], "init");
+    EXPECT_NE(e[1].find("warning/text: " + lib + "/tamkern/init:5: syntax error"), std::string::npos) << e[1];
+    EXPECT_EQ(e[2], "0 warning/text: unknown argument: -zz");
+    EXPECT_EQ(e[3], "ready");
+    EXPECT_EQ(result(own, "initvalue+1"), "124");
+}
+
+TEST_F(Tamkern, IdsForTwoConnectionsWithTwoClientsEachOneSession)
+{
+    TAM_KernelImpl* k = launch("a");
+    ASSERT_TRUE(k);
+    // Two announcements before any answer: ids in the order they arrive.
+    Client& a1 = add(k, TAM_FEATURE_CAN_QUIT, {}, false);
+    Client& a2 = another(a1);
+    EXPECT_TRUE(pump([&] { return a1.has("ready"); }));
+    Client& b1 = join("b");
+    Client& b2 = another(b1);
+    long id = TAM_get_client_id(a1.k);
     EXPECT_GE(id, 0);
-    std::vector<Msg> m = c.init(id, {"-l", TAMKERN_LIBDIR});
-    ASSERT_FALSE(m.empty());
-    EXPECT_EQ(m.back().name, "ready");
-    EXPECT_EQ(m.back().num("cl"), id);
-    // The shipped start-up file is valid: it causes no warnings.
-    EXPECT_TRUE(outputs(m, "warning").empty()) << describe(m);
-}
+    EXPECT_EQ(TAM_get_client_id(a2.k), id + 1);
+    EXPECT_EQ(TAM_get_client_id(b1.k), id + 2);
+    EXPECT_EQ(TAM_get_client_id(b2.k), id + 3);
+    EXPECT_NE(TAM_get_client_fd(a1.k), TAM_get_client_fd(b1.k));
 
-TEST(TamkernStartup, InitFileArgumentsAndWarnings)
-{
-    TempDir lib;
-    ASSERT_EQ(::mkdir(lib.file("tamkern").c_str(), 0700), 0);
-    {
-        std::ofstream f(lib.file("tamkern/init"));
-        f << "# comment\ninitvalue:=123\n\nprint(\"not shown\")\n1+*2\n";
-    }
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    Conn c(k->socketPath());
-    long id = c.newClient();
-    std::vector<Msg> m = c.init(id, {"-l", lib.path(), "-zz"});
-    ASSERT_FALSE(m.empty());
-    EXPECT_EQ(m.back().name, "ready");
-    std::vector<std::string> w = outputs(m, "warning");
-    ASSERT_EQ(w.size(), 2u) << describe(m);
-    EXPECT_NE(w[0].find("init:5: syntax error"), std::string::npos) << w[0];
-    EXPECT_EQ(w[1], "unknown argument: -zz");
-    EXPECT_TRUE(outputs(m, "print").empty()) << "start-up commands are silent";
-    EXPECT_EQ(single(outputs(c.cmd(id, "initvalue+1"), "result")), "124");
-}
-
-TEST(TamkernClients, IdsForTwoConnectionsWithTwoClientsEach)
-{
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    Conn a(k->socketPath()), b(k->socketPath());
-    long a1 = a.newClient();
-    long b1 = b.newClient();
-    // Two announcements in one write: ids in the order they arrive.
-    a.send("<newclient name =\"x\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>"
-           "<newclient name =\"y\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>");
-    std::vector<Msg> ma = a.until("sendinit");
-    std::vector<Msg> mb = a.until("sendinit");
-    ASSERT_EQ(ma.size(), 1u);
-    ASSERT_EQ(mb.size(), 1u);
-    long a2 = static_cast<long>(ma[0].num("cl"));
-    long a3 = static_cast<long>(mb[0].num("cl"));
-    long b2 = b.newClient();
-    EXPECT_EQ(b1, a1 + 1);
-    EXPECT_EQ(a2, b1 + 1);
-    EXPECT_EQ(a3, a2 + 1);
-    EXPECT_EQ(b2, a3 + 1);
-
-    for (long id : {a1, a2, a3})
-        EXPECT_EQ(a.init(id, {}).back().num("cl"), id);
-    for (long id : {b1, b2})
-        EXPECT_EQ(b.init(id, {}).back().num("cl"), id);
-
-    // One Giac session for all: what one client defines, the others see.
-    EXPECT_EQ(single(outputs(a.cmd(a2, "shared:=41", 1), "result")), "41");
-    std::vector<Msg> r = b.cmd(b2, "shared+1", 2);
-    for (const Msg& m : r)
-        EXPECT_EQ(m.num("cl"), b2);
-    EXPECT_EQ(single(outputs(r, "result")), "42");
-    // The other connection heard nothing of it.
-    EXPECT_FALSE(a.next(300).has_value());
+    // One Giac session for all; each answer reaches only its client.
+    EXPECT_EQ(result(a2, "shared:=41"), "41");
+    EXPECT_EQ(result(b2, "shared+1"), "42");
     // A client may not speak for another connection's client.
-    b.send("<cmd cl=\"" + std::to_string(a1) + "\" cid=\"3\"><text format=\"_lan\">1</text></cmd>");
-    EXPECT_FALSE(b.next(500).has_value());
-    EXPECT_FALSE(a.next(100).has_value());
-    EXPECT_TRUE(logShows(*k, "unknown client " + std::to_string(a1))) << k->log();
+    rawSend(TAM_get_client_fd(b1.k), "<cmd cl=\"" + std::to_string(id) + "\" cid=\"3\"><text format=\"_lan\">1</text></cmd>");
+    pump([] { return false; }, 500);
+    for (Client* c : {&a1, &a2, &b1, &b2})
+        EXPECT_EQ(c->fresh(), Events{}) << TAM_get_client_id(c->k);
+    EXPECT_TRUE(logShows("unknown client " + std::to_string(id))) << log();
 }
 
-TEST(TamkernCommands, RealGiacResultsWithTheCookie)
+TEST_F(Tamkern, RealGiacResultsAndErrors)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    std::vector<Msg> m = s.cmd("diff(sin(x)*x,x)", 17);
-    ASSERT_EQ(m.size(), 2u) << describe(m);
-    EXPECT_EQ(m[0].name, "output");
-    EXPECT_EQ(m[0].num("cl"), s.cl);
-    EXPECT_EQ(m[0].num("cid"), 17);
-    EXPECT_EQ(m[0].textFormat, "text");
-    EXPECT_EQ(m[0].text, "cos(x)*x+sin(x)");
-    EXPECT_TRUE(endsWithFinished(m, 17));
+    Client& c = add(launch());
+    const struct {
+        const char* cmd;
+        long long cid;
+        Events want;
+    } cases[] = {
+        {"diff(sin(x)*x,x)", 17, {"17 result/text: cos(x)*x+sin(x)", "17 finished"}},
+        {"factor(x^4-1)", 5, {"5 result/text: (x-1)*(x+1)*(x^2+1)", "5 finished"}},
+        {"integrate(1/(1+x^2),x)", 5, {"5 result/text: atan(x)", "5 finished"}},
+        // Markup characters both ways.
+        {"\"a<b&c\"", 5, {"5 result/text: \"a<b&c\"", "5 finished"}},
+        {"1<2", 5, {"5 result/text: true", "5 finished"}},
+        // Printed lines first, each its own output.
+        {"print(\"one\");print(\"two\");7", 5, {"5 print/text: one", "5 print/text: two", "5 result/text: 7", "5 finished"}},
+        {"", 9, {"9 finished"}},
+        {"1", -140737488355328LL, {"-140737488355328 result/text: 1", "-140737488355328 finished"}},
+        {"1+*2", 5, {"5 error/text: syntax error line 1 col 3 at *", "5 finished"}},
+        {"factor(", 5, {"5 error/text: factor(seq[]) Error: Bad Argument Value", "5 finished"}},
+    };
+    for (const auto& t : cases)
+        EXPECT_EQ(run(c, t.cmd, t.cid), t.want) << t.cmd;
 
-    EXPECT_EQ(single(outputs(s.cmd("factor(x^4-1)"), "result")), "(x-1)*(x+1)*(x^2+1)");
-    EXPECT_EQ(single(outputs(s.cmd("integrate(1/(1+x^2),x)"), "result")), "atan(x)");
-    // Escaped markup in both directions.
-    EXPECT_EQ(single(outputs(s.cmd("\"a&lt;b&amp;c\""), "result")), "\"a<b&c\"");
-    EXPECT_EQ(single(outputs(s.cmd("1&lt;2"), "result")), "true");
-    // Printed lines come first, each as its own output.
-    m = s.cmd("print(\"one\");print(\"two\");7");
-    EXPECT_EQ(outputs(m, "print"), (std::vector<std::string>{"one", "two"})) << describe(m);
-    ASSERT_EQ(outputs(m, "result").size(), 1u);
-    EXPECT_EQ(m[0].attr("type"), "print");
-    // An empty line asks for nothing but is finished all the same.
-    m = s.cmd("", 9);
-    EXPECT_EQ(m.size(), 1u) << describe(m);
-    EXPECT_TRUE(endsWithFinished(m, 9));
-    // A negative cookie comes back as it was sent.
-    EXPECT_TRUE(endsWithFinished(s.cmd("1", -140737488355328LL), -140737488355328LL));
+    // Giac's debugging remarks go to std::cerr: they reach the client as
+    // errors, not the front end's terminal.
+    run(c, "debug_infolevel:=2");
+    Events e = run(c, "factor(x^4-1)");
+    run(c, "debug_infolevel:=0");
+    ASSERT_GE(e.size(), 3u);
+    EXPECT_EQ(e[0].rfind("5 error/text: ", 0), 0u) << e[0];
+    EXPECT_NE(e[0].find("Gcdheu"), std::string::npos) << e[0];
+    EXPECT_EQ(e[e.size() - 2], "5 result/text: (x-1)*(x+1)*(x^2+1)");
+    EXPECT_EQ(log(), "");
 }
 
-TEST(TamkernCommands, ErrorsAndDiagnosticsBecomeErrorOutputs)
+TEST_F(Tamkern, StopInterruptsOnlyItsOwnClientsComputation)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    std::vector<Msg> m = s.cmd("1+*2");
-    EXPECT_EQ(single(outputs(m, "error")), "syntax error line 1 col 3 at *") << describe(m);
-    EXPECT_TRUE(outputs(m, "result").empty());
-    EXPECT_TRUE(endsWithFinished(m, 5));
-
-    m = s.cmd("factor(");
-    EXPECT_EQ(single(outputs(m, "error")), "factor(seq[]) Error: Bad Argument Value") << describe(m);
-    EXPECT_TRUE(endsWithFinished(m, 5));
-
-    // Giac's debugging remarks go to std::cerr; they must reach the client,
-    // not the front end's terminal.
-    s.cmd("debug_infolevel:=2");
-    m = s.cmd("factor(x^4-1)");
-    s.cmd("debug_infolevel:=0");
-    ASSERT_FALSE(outputs(m, "error").empty()) << describe(m);
-    EXPECT_NE(outputs(m, "error")[0].find("Gcdheu"), std::string::npos);
-    EXPECT_EQ(single(outputs(m, "result")), "(x-1)*(x+1)*(x^2+1)");
-    EXPECT_EQ(s.kernel->log(), "");
-    EXPECT_EQ(s.kernel->stdoutText(), "");
-}
-
-TEST(TamkernCommands, StopInterruptsALongComputation)
-{
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("cmd", " cid=\"8\"><text format=\"_lan\">") + kLongLoop + "</text></cmd>");
-    EXPECT_FALSE(s.conn->next(700).has_value()) << "the loop should still run";
+    Client& c = add(launch());
+    Client& other = join("other");
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(8), kLongLoop), 1);
+    // Another client's stop leaves the computation alone.
+    ASSERT_EQ(TAM_send_stop(other.k), 1);
+    EXPECT_EQ(next(c, 1, 700), Events{}) << "the loop should still run";
     // Status is answered while the computation runs.
-    s.conn->send(s.request("sendstatus", "/>"));
-    std::optional<Msg> st = s.conn->next(3000);
-    ASSERT_TRUE(st.has_value());
-    EXPECT_EQ(st->name, "status");
-    EXPECT_GT(st->num("used"), 1000);         // KiB resident
-    EXPECT_GT(st->num("res"), st->num("used"));  // KiB virtual
-    EXPECT_GE(st->num("sec"), 0);
+    ASSERT_EQ(TAM_send_status_wanted(c.k), 1);
+    EXPECT_EQ(next(c), Events{"status"});
+    EXPECT_GT(c.used, 1000);   // KiB resident
+    EXPECT_GT(c.res, c.used);  // KiB virtual
+    EXPECT_GE(c.sec, 0);
 
-    auto t0 = std::chrono::steady_clock::now();
-    s.conn->send(s.request("stop", "/>"));
-    std::vector<Msg> m = s.conn->until("finished", 10000);
-    double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_LT(took, 5.0);
-    EXPECT_EQ(single(outputs(m, "error")), "interrupted") << describe(m);
-    EXPECT_TRUE(outputs(m, "result").empty());
-    EXPECT_TRUE(endsWithFinished(m, 8));
+    auto t0 = Clock::now();
+    ASSERT_EQ(TAM_send_stop(c.k), 1);
+    EXPECT_EQ(finished(c, 8), (Events{"8 error/text: interrupted", "8 finished"}));
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 5.0);
     // The interrupt does not linger into the next command.
-    EXPECT_EQ(single(outputs(s.cmd("2^10"), "result")), "1024");
-    EXPECT_EQ(s.kernel->log(), "");
+    EXPECT_EQ(result(c, "2^10"), "1024");
+    EXPECT_EQ(other.fresh(), Events{});
+    EXPECT_EQ(log(), "");
 }
 
-TEST(TamkernCommands, StopFromAnotherClientDoesNotTouchTheComputation)
+TEST_F(Tamkern, InputAnsweredCanceledAndStopped)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    Conn other(s.kernel->socketPath());
-    long o = other.newClient();
-    s.conn->send(s.request("cmd", " cid=\"8\"><text format=\"_lan\">") +
-                 "s:=0; for k from 1 to 4*10^6 do s:=s+k; od; s</text></cmd>");
-    other.send("<stop cl=\"" + std::to_string(o) + "\"/>");
-    std::vector<Msg> m = s.conn->until("finished", 60000);
-    // Giac shows the values of all three statements.
-    EXPECT_EQ(single(outputs(m, "result")), "0,8000002000000,8000002000000") << describe(m);
-}
-
-TEST(TamkernFrontEnd, InputAnsweredAndCanceled)
-{
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("cmd", " cid=\"4\"><text format=\"_lan\">input(\"n?\")+1</text></cmd>"));
-    std::optional<Msg> q = s.conn->next();
-    ASSERT_TRUE(q.has_value());
-    EXPECT_EQ(q->name, "sendinput");
-    EXPECT_EQ(q->attr("text"), "0");
-    EXPECT_EQ(q->num("cid"), 4);
-    EXPECT_EQ(q->text, "n?");
-    s.conn->send(s.request("input", " canceled=\"0\"><text format=\"_lan\">41</text></input>"));
-    std::vector<Msg> m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "result")), "42") << describe(m);
-
-    s.conn->send(s.request("cmd", " cid=\"4\"><text format=\"_lan\">input(\"again?\")</text></cmd>"));
-    q = s.conn->next();
-    ASSERT_TRUE(q.has_value());
-    EXPECT_EQ(q->name, "sendinput");
-    s.conn->send(s.request("input", " canceled=\"1\"><text format=\"_lan\"></text></input>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "error")), "input canceled") << describe(m);
-
-    s.conn->send(s.request("cmd", " cid=\"4\"><text format=\"_lan\">textinput(\"name?\")</text></cmd>"));
-    q = s.conn->next();
-    ASSERT_TRUE(q.has_value());
-    EXPECT_EQ(q->name, "sendinput");
-    EXPECT_EQ(q->attr("text"), "1");
-    EXPECT_EQ(q->text, "name?");
-    // A text answer is a string, not an expression.
-    s.conn->send(s.request("textinput", " canceled=\"0\">x+1</textinput>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "result")), "\"x+1\"") << describe(m);
-
-    s.conn->send(s.request("cmd", " cid=\"4\"><text format=\"_lan\">textinput(\"name?\")</text></cmd>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    s.conn->send(s.request("textinput", " canceled=\"1\"></textinput>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "error")), "input canceled") << describe(m);
-
-    // Stop also ends a wait for an answer.
-    s.conn->send(s.request("cmd", " cid=\"6\"><text format=\"_lan\">input(\"x\")</text></cmd>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    s.conn->send(s.request("stop", "/>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "error")), "interrupted") << describe(m);
+    Client& c = add(launch());
+    enum Reply { Input, InputCancel, Text, TextCancel, Stop };
+    const struct {
+        const char* cmd;
+        const char* asked;
+        Reply reply;
+        const char* answer;
+        const char* outcome;
+    } cases[] = {
+        {"input(\"n?\")+1", "4 input: n?", Input, "41", "4 result/text: 42"},
+        {"input(\"again?\")", "4 input: again?", InputCancel, "", "4 error/text: input canceled"},
+        // A text answer is a string, not an expression.
+        {"textinput(\"name?\")", "4 textinput: name?", Text, "x+1", "4 result/text: \"x+1\""},
+        {"textinput(\"name?\")", "4 textinput: name?", TextCancel, "", "4 error/text: input canceled"},
+        {"input(\"x\")", "4 input: x", Stop, "", "4 error/text: interrupted"},
+    };
+    for (const auto& t : cases) {
+        SCOPED_TRACE(t.cmd);
+        ASSERT_EQ(TAM_send_cmd(c.k, cookie(4), t.cmd), 1);
+        EXPECT_EQ(next(c), Events{t.asked});
+        if (t.reply == Stop)
+            TAM_send_stop(c.k);
+        else if (t.reply == Input || t.reply == InputCancel)
+            TAM_send_input(c.k, t.reply == InputCancel, t.answer);
+        else
+            TAM_send_textinput(c.k, t.reply == TextCancel, t.answer);
+        EXPECT_EQ(finished(c, 4), (Events{t.outcome, "4 finished"}));
+    }
     // An answer nobody asked for is ignored.
-    s.conn->send(s.request("input", " canceled=\"0\"><text format=\"_lan\">5</text></input>"));
-    EXPECT_EQ(single(outputs(s.cmd("3"), "result")), "3");
+    TAM_send_input(c.k, 0, "5");
+    EXPECT_EQ(result(c, "3"), "3");
 }
 
-TEST(TamkernFrontEnd, SystemCallbackAndHelp)
+TEST_F(Tamkern, SystemCallbackAndHelp)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("cmd", " cid=\"2\"><text format=\"_lan\">system(\"ls -l\")*2</text></cmd>"));
-    std::optional<Msg> q = s.conn->next();
-    ASSERT_TRUE(q.has_value());
-    EXPECT_EQ(q->name, "system");
-    EXPECT_EQ(q->attr("value"), "ls -l");
-    s.conn->send(s.request("sysresult", " value=\"21\"/>"));
-    EXPECT_EQ(single(outputs(s.conn->until("finished"), "result")), "42");
+    Client& c = add(launch());
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(2), "system(\"ls -l\")*2"), 1);
+    EXPECT_EQ(next(c), Events{"system: ls -l"});
+    TAM_send_system_result(c.k, 21);
+    EXPECT_EQ(finished(c, 2), (Events{"2 result/text: 42", "2 finished"}));
 
-    s.conn->send(s.request("cmd", " cid=\"3\"><text format=\"_lan\">callback(x^2+1)*2</text></cmd>"));
-    q = s.conn->next();
-    ASSERT_TRUE(q.has_value());
-    EXPECT_EQ(q->name, "callback");
-    EXPECT_EQ(q->num("cid"), 3);
-    ASSERT_TRUE(q->hasMcode);
-    EXPECT_EQ(q->mcodeFormat, "utf8");
-    EXPECT_EQ(inflateBase64(q->mcodeData), "x^2+1");
-    s.conn->send(s.request("callresult", " error=\"0\"><mcode format=\"utf8\">") + deflateBase64("y-1") +
-                 "</mcode></callresult>");
-    EXPECT_EQ(single(outputs(s.conn->until("finished"), "result")), "2*(y-1)");
-
-    s.conn->send(s.request("cmd", " cid=\"3\"><text format=\"_lan\">callback(1)</text></cmd>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    s.conn->send(s.request("callresult", " error=\"1\"></callresult>"));
-    EXPECT_EQ(single(outputs(s.conn->until("finished"), "error")), "callback failed");
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(3), "callback(x^2+1)*2"), 1);
+    EXPECT_EQ(next(c), Events{"3 callback utf8: x^2+1"});
+    const TAM_DataTAG answer = {"utf8", reinterpret_cast<const unsigned char*>("y-1"), 3};
+    TAM_send_call_result(c.k, 0, &answer);
+    EXPECT_EQ(finished(c, 3), (Events{"3 result/text: 2*(y-1)", "3 finished"}));
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(3), "callback(1)"), 1);
+    EXPECT_EQ(next(c), Events{"3 callback utf8: 1"});
+    TAM_send_call_result(c.k, 1, nullptr);
+    EXPECT_EQ(finished(c, 3), (Events{"3 error/text: callback failed", "3 finished"}));
 
     for (const char* h : {"?diff", "help(diff)"}) {
-        std::vector<Msg> m = s.cmd(h, 12);
-        ASSERT_EQ(m.size(), 2u) << describe(m);
-        EXPECT_EQ(m[0].name, "help");
-        EXPECT_NE(m[0].attr("value").find("derivative"), std::string::npos) << m[0].attr("value");
-        // Line breaks survive the attribute.
-        EXPECT_NE(m[0].attr("value").find("\nExamples:"), std::string::npos);
-        EXPECT_TRUE(endsWithFinished(m, 12));
+        Events e = run(c, h, 12);
+        ASSERT_EQ(e.size(), 2u) << h;
+        EXPECT_EQ(e[0].rfind("help: ", 0), 0u) << e[0];
+        EXPECT_NE(e[0].find("derivative"), std::string::npos) << e[0];
+        EXPECT_NE(e[0].find("\nExamples:"), std::string::npos) << "line breaks survive";
+        EXPECT_EQ(e[1], "12 finished");
     }
-    EXPECT_EQ(s.kernel->log(), "");
+    EXPECT_EQ(log(), "");
 }
 
-TEST(TamkernRequests, CompletionOfFunctionsAndVariables)
+TEST_F(Tamkern, CompletionOfFunctionsAndVariables)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.cmd("factorvar:=3");
-    s.conn->send(s.request("complete", " value=\"facto\"/>"));
-    std::optional<Msg> m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->name, "completion");
-    EXPECT_EQ(m->attr("pref"), "facto");
-    std::string list = " " + m->attr("list") + " ";
-    EXPECT_NE(list.find(" factor "), std::string::npos) << list;
-    EXPECT_NE(list.find(" factorial "), std::string::npos) << list;
-    EXPECT_NE(list.find(" factorvar "), std::string::npos) << list;
+    Client& c = add(launch());
+    run(c, "factorvar:=3");
+    ASSERT_EQ(TAM_send_completion_wanted(c.k, "facto"), 1);
+    Events e = next(c);
+    ASSERT_EQ(e.size(), 1u);
+    ASSERT_EQ(e[0].rfind("completion facto: ", 0), 0u) << e[0];
+    std::string list = e[0].substr(std::strlen("completion facto:")) + " ";
+    for (const char* want : {" factor ", " factorial ", " factorvar "})
+        EXPECT_NE(list.find(want), std::string::npos) << list;
     EXPECT_EQ(list.find("  "), std::string::npos) << "single blanks";
-    EXPECT_EQ(list.find(" ifactor "), std::string::npos) << "prefix, not substring";
-
-    s.conn->send(s.request("complete", " value=\"zzqq\"/>"));
-    m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->attr("list"), "");
+    EXPECT_EQ(list.find("ifactor"), std::string::npos) << "prefix, not substring";
+    ASSERT_EQ(TAM_send_completion_wanted(c.k, "zzqq"), 1);
+    EXPECT_EQ(next(c), Events{"completion zzqq: "});
 }
 
-TEST(TamkernRequests, ResultFormats)
+TEST_F(Tamkern, ResultFormatsOfferedAndChosen)
 {
-    Session s(false, "can_quit can_typeset ");
-    ASSERT_TRUE(s.kernel);
-    ASSERT_TRUE(s.conn);
-    // A typesetting client is offered the result formats at start-up.
-    Conn c2(s.kernel->socketPath());
-    c2.send("<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" "
-            "features=\"can_typeset \"/>");
-    std::vector<Msg> start = c2.until("selformat");
-    ASSERT_FALSE(start.empty());
-    EXPECT_EQ(start.front().name, "sendinit");
-    EXPECT_EQ(start.back().name, "selformat");
-    EXPECT_EQ(start.back().attr("type"), "result");
-    EXPECT_EQ(start.back().fmts, (std::vector<std::string>{"text", "tex", "mathml", "utf8"}));
-
-    ASSERT_GE(s.cl, 0);
-    auto choose = [&](const char* f) {
-        s.conn->send(s.request("format", std::string(" type=\"result\" value=\"") + f + "\"/>"));
-        std::optional<Msg> m = s.conn->next();
-        return m && m->name == "format" && m->attr("type") == "result" && m->fmts.size() == 1
-                   ? m->fmts[0] : std::string("?");
+    Client& c = add(launch(), TAM_FEATURE_CAN_QUIT | TAM_FEATURE_CAN_TYPESET);
+    // A typesetting client is offered the formats at start-up.
+    EXPECT_EQ(c.ev, (Events{"init", "selformat result: text tex mathml utf8", "ready"}));
+    const struct {
+        const char* format;
+        const char* confirmed;
+        const char* result;  // of x^2/3
+    } cases[] = {
+        {"tex", "tex", "5 result/tex: \\frac{x^{2}}{3}"},
+        {"mathml", "mathml", nullptr},
+        {"utf8", "utf8", "5 result/data utf8: x^2/3"},
+        // A format the kernel cannot produce leaves the choice as it was.
+        {"png", "utf8", "5 result/data utf8: x^2/3"},
+        {"text", "text", "5 result/text: x^2/3"},
     };
-    // The start-up selformat came before ready and was left unanswered.
-    EXPECT_EQ(choose("tex"), "tex");
-    std::vector<Msg> m = s.cmd("x^2/3");
-    ASSERT_EQ(outputs(m, "result").size(), 1u);
-    EXPECT_EQ(m[0].textFormat, "tex");
-    EXPECT_EQ(m[0].text, "\\frac{x^{2}}{3}");
-
-    EXPECT_EQ(choose("mathml"), "mathml");
-    m = s.cmd("x^2/3");
-    EXPECT_EQ(m[0].textFormat, "mathml");
-    EXPECT_EQ(m[0].text.rfind("<math", 0), 0u) << m[0].text;
-    EXPECT_NE(m[0].text.find("<mfrac>"), std::string::npos) << m[0].text;
-
-    EXPECT_EQ(choose("utf8"), "utf8");
-    m = s.cmd("x^2/3");
-    ASSERT_TRUE(m[0].hasMcode) << describe(m);
-    EXPECT_EQ(m[0].mcodeFormat, "utf8");
-    EXPECT_EQ(inflateBase64(m[0].mcodeData), "x^2/3");
-    // Only results change: errors stay text.
-    m = s.cmd("1+*2");
-    EXPECT_TRUE(m[0].hasText);
-
-    // A format the kernel cannot produce leaves the choice as it was.
-    EXPECT_EQ(choose("png"), "utf8");
-    EXPECT_EQ(choose("text"), "text");
-    EXPECT_EQ(s.cmd("x^2/3")[0].text, "x^2/3");
-}
-
-TEST(TamkernRequests, CommandsAsPayloads)
-{
-    Session s;
-    ASSERT_TRUE(s.ok());
-    std::string cmd = s.request("cmd", " cid=\"11\"><mcode format=\"utf8\">") + deflateBase64("factor(x^2-1)") +
-                      "</mcode></cmd>";
-    s.conn->send(cmd);
-    std::vector<Msg> m = s.conn->until("finished");
-    ASSERT_EQ(m.size(), 2u) << describe(m);
-    EXPECT_TRUE(m[0].hasText) << "results as text until the client chooses utf8";
-    EXPECT_EQ(m[0].text, "(x-1)*(x+1)");
-
-    s.conn->send(s.request("format", " type=\"result\" value=\"utf8\"/>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    s.conn->send(cmd);
-    m = s.conn->until("finished");
-    ASSERT_TRUE(m[0].hasMcode) << describe(m);
-    EXPECT_EQ(inflateBase64(m[0].mcodeData), "(x-1)*(x+1)");
-
-    // A payload that does not decode costs that command only.
-    s.conn->send(s.request("cmd", " cid=\"12\"><mcode format=\"utf8\">eJxLTEoGAAJN!!!!garbage</mcode></cmd>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "error")), "the command's payload does not decode") << describe(m);
-    s.conn->send(s.request("cmd", " cid=\"13\"><mcode format=\"binary\">eJwDAAAAAAE=</mcode></cmd>"));
-    m = s.conn->until("finished");
-    EXPECT_EQ(single(outputs(m, "error")), "unsupported payload format \"binary\"") << describe(m);
-    s.conn->send(s.request("format", " type=\"result\" value=\"text\"/>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    EXPECT_EQ(single(outputs(s.cmd("1+1"), "result")), "2");
-}
-
-TEST(TamkernRequests, SettingsAreConfirmedAndHonoured)
-{
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("textwidth", " value=\"20\"/>"));
-    std::optional<Msg> m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->name, "textwidth");
-    EXPECT_EQ(m->attr("value"), "20");
-    std::string r = single(outputs(s.cmd("expand((x+y)^6)"), "result"));
-    std::size_t lines = 0, start = 0;
-    for (;;) {
-        std::size_t nl = r.find('\n', start);
-        std::string line = r.substr(start, nl == std::string::npos ? std::string::npos : nl - start);
-        EXPECT_LE(line.size(), 20u) << line;
-        ++lines;
-        if (nl == std::string::npos)
-            break;
-        start = nl + 1;
+    for (const auto& t : cases) {
+        SCOPED_TRACE(t.format);
+        ASSERT_EQ(TAM_send_format(c.k, "result", t.format), 1);
+        EXPECT_EQ(next(c), Events{std::string("format result ") + t.confirmed});
+        Events e = run(c, "x^2/3");
+        ASSERT_EQ(e.size(), 2u);
+        if (t.result) {
+            EXPECT_EQ(e[0], t.result);
+        } else {
+            EXPECT_EQ(e[0].rfind("5 result/mathml: <math", 0), 0u) << e[0];
+            EXPECT_NE(e[0].find("<mfrac>"), std::string::npos) << e[0];
+        }
+        // Only results change: errors stay text.
+        EXPECT_EQ(run(c, "1+*2")[0], "5 error/text: syntax error line 1 col 3 at *");
     }
-    EXPECT_GT(lines, 2u) << r;
-    std::string joined;
-    for (char ch : r)
-        if (ch != '\n')
-            joined += ch;
+}
+
+TEST_F(Tamkern, CommandsAsPayloads)
+{
+    Client& c = add(launch());
+    auto data = [](const char* format, const char* text) {
+        return TAM_DataTAG{format, reinterpret_cast<const unsigned char*>(text), std::strlen(text)};
+    };
+    TAM_DataTAG cmd = data("utf8", "factor(x^2-1)");
+    ASSERT_EQ(TAM_send_cmd_data(c.k, cookie(11), &cmd, 0, nullptr), 1);
+    // Results as text until the client chooses utf8.
+    EXPECT_EQ(finished(c, 11), (Events{"11 result/text: (x-1)*(x+1)", "11 finished"}));
+    TAM_send_format(c.k, "result", "utf8");
+    ASSERT_EQ(next(c), Events{"format result utf8"});
+    ASSERT_EQ(TAM_send_cmd_data(c.k, cookie(11), &cmd, 0, nullptr), 1);
+    EXPECT_EQ(finished(c, 11), (Events{"11 result/data utf8: (x-1)*(x+1)", "11 finished"}));
+
+    // A payload that does not decode or has a foreign format costs that
+    // command only.
+    TAM_DataTAG binary = data("binary", "1");
+    ASSERT_EQ(TAM_send_cmd_data(c.k, cookie(13), &binary, 0, nullptr), 1);
+    EXPECT_EQ(finished(c, 13), (Events{"13 error/text: unsupported payload format \"binary\"", "13 finished"}));
+    rawSend(TAM_get_client_fd(c.k), "<cmd cl=\"" + std::to_string(TAM_get_client_id(c.k)) +
+                                        "\" cid=\"12\"><mcode format=\"utf8\">eJxLTEoGAAJN!!!!garbage</mcode></cmd>");
+    EXPECT_EQ(finished(c, 12), (Events{"12 error/text: the command's payload does not decode", "12 finished"}));
+    EXPECT_EQ(run(c, "1+1"), (Events{"5 result/data utf8: 2", "5 finished"}));
+}
+
+TEST_F(Tamkern, SettingsAreConfirmedHonouredAndPerClient)
+{
+    Client& c = add(launch());
+    TAM_send_textwidth(c.k, 20);
+    EXPECT_EQ(next(c), Events{"textwidth 20"});
+    std::string r = result(c, "expand((x+y)^6)"), joined, line;
+    std::istringstream lines(r);
+    int count = 0;
+    for (; std::getline(lines, line); ++count) {
+        EXPECT_LE(line.size(), 20u) << line;
+        joined += line;
+    }
+    EXPECT_GT(count, 2) << r;
     EXPECT_EQ(joined, "x^6+y^6+6*x*y^5+15*x^2*y^4+20*x^3*y^3+15*x^4*y^2+6*x^5*y");
+    TAM_send_textwidth(c.k, 0);
+    EXPECT_EQ(next(c), Events{"textwidth 0"});
 
-    s.conn->send(s.request("textwidth", " value=\"0\"/>"));
-    ASSERT_TRUE(s.conn->next().has_value());
-    s.conn->send(s.request("prettyprint", " value=\"1\"/>"));
-    m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->name, "prettyprint");
-    EXPECT_EQ(m->attr("value"), "1");
-    EXPECT_EQ(single(outputs(s.cmd("[[1,2],[3,4]]"), "result")), "[1,2]\n[3,4]");
-
-    s.conn->send(s.request("abbreviateoutput", " value=\"1\"/>"));
-    m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->name, "abbreviateoutput");
-    EXPECT_EQ(m->attr("value"), "1");
-    r = single(outputs(s.cmd("2^5000"), "result"));
+    TAM_send_pretty_print(c.k, 1);
+    EXPECT_EQ(next(c), Events{"prettyprint 1"});
+    EXPECT_EQ(result(c, "[[1,2],[3,4]]"), "[1,2]\n[3,4]");
+    TAM_send_abbreviate_output(c.k, 1);
+    EXPECT_EQ(next(c), Events{"abbreviateoutput 1"});
+    r = result(c, "2^5000");
     EXPECT_LT(r.size(), 600u);
     EXPECT_NE(r.find("characters omitted"), std::string::npos) << r;
     EXPECT_EQ(r.substr(0, 10), "1412467032");
 
     // Settings belong to one client.
-    Conn c2(s.kernel->socketPath());
-    long o = c2.newClient();
-    EXPECT_EQ(single(outputs(c2.cmd(o, "[[1,2],[3,4]]"), "result")), "[[1,2],[3,4]]");
+    Client& other = another(c);
+    EXPECT_EQ(result(other, "[[1,2],[3,4]]"), "[[1,2],[3,4]]");
     // A setting waits its turn behind a running command of the client.
-    s.conn->send(s.request("cmd", " cid=\"1\"><text format=\"_lan\">[[5]]</text></cmd>") +
-                 s.request("prettyprint", " value=\"0\"/>"));
-    std::vector<Msg> seq = s.conn->until("prettyprint");
-    ASSERT_EQ(seq.size(), 3u) << describe(seq);
-    EXPECT_EQ(seq[0].text, "[5]");
-    EXPECT_EQ(seq[1].name, "finished");
+    TAM_send_cmd(c.k, cookie(1), "[[5]]");
+    TAM_send_pretty_print(c.k, 0);
+    EXPECT_EQ(next(c, 3), (Events{"1 result/text: [5]", "1 finished", "prettyprint 0"}));
 }
 
-TEST(TamkernBadInput, MalformedStreamCostsOnlyThatConnection)
+TEST_F(Tamkern, MalformedOrUnknownRequestsCostOnlyTheirConnection)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    Conn bad(s.kernel->socketPath());
-    long b = bad.newClient();
-    ASSERT_GE(b, 0);
-    // A request that is running when the stream breaks goes with its
-    // connection.
-    bad.send("<cmd cl=\"" + std::to_string(b) + "\" cid=\"1\"><text format=\"_lan\">" + kLongLoop +
-             "</text></cmd><<<>>");
-    EXPECT_TRUE(bad.waitClosed());
-    EXPECT_EQ(single(outputs(s.cmd("6*7"), "result")), "42");
-    EXPECT_TRUE(logShows(*s.kernel, "malformed request stream")) << s.kernel->log();
-    EXPECT_TRUE(s.kernel->running());
+    Client& c = add(launch());
+    int bad = rawConnect();
+    // The running request goes with its broken connection.
+    rawSend(bad, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop + "</text></cmd><<<>>");
+    EXPECT_NE(rawRead(bad, ""), "") << "connection not closed";
+    EXPECT_EQ(result(c, "6*7"), "42");
+    EXPECT_TRUE(logShows("malformed request stream")) << log();
+
+    // Unknown requests, clients and parts are skipped.
+    std::string cl = std::to_string(TAM_get_client_id(c.k));
+    rawSend(TAM_get_client_fd(c.k), "<frobnicate cl=\"" + cl + "\"><cmd cl=\"" + cl +
+                                        "\" cid=\"1\"><text>2</text></cmd></frobnicate>"
+                                        "<cmd cl=\"999\" cid=\"1\"><text format=\"_lan\">3</text></cmd>"
+                                        "<cmd cl=\"abc\" cid=\"1\"><text format=\"_lan\">3</text></cmd>"
+                                        "<cmd cl=\"" + cl + "\" cid=\"2\"><text format=\"_lan\">1+<b>100</b>4</text></cmd>");
+    EXPECT_EQ(finished(c, 2), (Events{"2 result/text: 5", "2 finished"}));
+    for (const char* l : {"unknown request <frobnicate>", "unknown client 999", "unknown client (not a number)"})
+        EXPECT_TRUE(logShows(l)) << log();
 }
 
-TEST(TamkernBadInput, UnknownElementsAndClientsAreSkipped)
+TEST_F(Tamkern, ClientThatDisconnectsMidCommandOrMidRequest)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    s.conn->send("<frobnicate cl=\"1\"><cmd cl=\"1\" cid=\"1\"><text>2</text></cmd></frobnicate>");
-    s.conn->send("<cmd cl=\"999\" cid=\"1\"><text format=\"_lan\">3</text></cmd>");
-    s.conn->send("<cmd cl=\"abc\" cid=\"1\"><text format=\"_lan\">3</text></cmd>");
-    // Unknown parts inside a request are skipped with their text.
-    s.conn->send(s.request("cmd", " cid=\"2\"><text format=\"_lan\">1+<b>100</b>4</text></cmd>"));
-    std::vector<Msg> m = s.conn->until("finished");
-    ASSERT_EQ(m.size(), 2u) << describe(m);
-    EXPECT_EQ(m[0].text, "5");
-    EXPECT_EQ(m[0].num("cid"), 2);
-    std::string log = s.kernel->log();
-    EXPECT_NE(log.find("unknown request <frobnicate>"), std::string::npos) << log;
-    EXPECT_NE(log.find("unknown client 999"), std::string::npos) << log;
-    EXPECT_NE(log.find("unknown client (not a number)"), std::string::npos) << log;
-    EXPECT_TRUE(s.kernel->running());
-}
-
-TEST(TamkernBadInput, ClientThatDisconnectsMidCommand)
-{
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    Conn stay(k->socketPath());
-    long keep = stay.newClient();
-    {
-        Conn gone(k->socketPath());
-        long g = gone.newClient();
-        gone.send("<cmd cl=\"" + std::to_string(g) + "\" cid=\"1\"><text format=\"_lan\">" + kLongLoop +
-                  "</text></cmd>");
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    }
+    Client& c = add(launch());
+    int gone = rawConnect();
+    rawSend(gone, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop + "</text></cmd>");
+    ASSERT_NE(rawRead(gone, "<sendinit"), "");
+    ::shutdown(gone, SHUT_RDWR);
     // The orphaned computation is interrupted, so the next command runs.
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(single(outputs(stay.cmd(keep, "2+2"), "result")), "4");
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 5.0);
+    auto t0 = Clock::now();
+    EXPECT_EQ(result(c, "2+2"), "4");
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 5.0);
 
-    // A connection that ends in the middle of a request.
-    {
-        Conn half(k->socketPath());
-        long h = half.newClient();
-        half.send("<cmd cl=\"" + std::to_string(h) + "\" cid=\"1\"><text format=\"_lan\">1+");
-    }
-    EXPECT_EQ(single(outputs(stay.cmd(keep, "3+3"), "result")), "6");
-    EXPECT_TRUE(logShows(*k, "connection closed in the middle of a request")) << k->log();
-    EXPECT_TRUE(k->running());
+    int half = rawConnect();
+    rawSend(half, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">1+");
+    ASSERT_NE(rawRead(half, "<sendinit"), "");
+    ::shutdown(half, SHUT_RDWR);
+    EXPECT_TRUE(logShows("connection closed in the middle of a request")) << log();
+    EXPECT_EQ(result(c, "3+3"), "6");
 }
 
-TEST(TamkernBadInput, ClientThatStopsReadingDelaysNobody)
+TEST_F(Tamkern, ClientThatStopsReadingDelaysNobody)
 {
-    Session s;
-    ASSERT_TRUE(s.ok());
-    Conn lazy(s.kernel->socketPath());
-    long l = lazy.newClient();
-    // Several megabytes of results that this client never reads.
-    std::string burst;
+    Client& c = add(launch());
+    Client& lazy = join("lazy");
+    lazy.paused = true;
+    // Megabytes of results that this client does not read for now.
     for (int i = 0; i < 40; ++i)
-        burst += "<cmd cl=\"" + std::to_string(l) + "\" cid=\"" + std::to_string(i) +
-                 "\"><text format=\"_lan\">2^300000</text></cmd>";
-    lazy.send(burst);
-    std::vector<Msg> m = s.cmd("5*5");
-    EXPECT_EQ(single(outputs(m, "result")), "25") << describe(m);
-    // The lazy client still gets every message, in order, when it reads.
-    int finished = 0;
-    for (;;) {
-        std::optional<Msg> x = lazy.next(20000);
-        if (!x)
-            break;
-        if (x->name == "finished") {
-            EXPECT_EQ(x->num("cid"), finished);
-            ++finished;
-        }
-        if (finished == 40)
-            break;
-    }
-    EXPECT_EQ(finished, 40);
+        TAM_send_cmd(lazy.k, cookie(i), "2^300000");
+    EXPECT_EQ(result(c, "5*5"), "25");
+    // It still gets every message, in order, when it reads.
+    lazy.paused = false;
+    Events done;
+    pump([&] { return lazy.has("39 finished"); }, 30000);
+    for (const std::string& e : lazy.fresh())
+        if (e.find(" finished") != std::string::npos)
+            done.push_back(e);
+    ASSERT_EQ(done.size(), 40u);
+    for (int i = 0; i < 40; ++i)
+        EXPECT_EQ(done[i], std::to_string(i) + " finished");
 }
 
-TEST(TamkernSecurity, RefusesPeersOfAnotherUser)
+TEST_F(Tamkern, RefusesPeersOfAnotherUser)
 {
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs root to connect as another user";
-    Session s;
-    ASSERT_TRUE(s.ok());
-    // Open the file system path so that only the credential check remains.
-    ASSERT_EQ(::chmod(s.dir.path().c_str(), 0711), 0);
-    ASSERT_EQ(::chmod(s.kernel->socketPath().c_str(), 0666), 0);
+    Client& c = add(launch());
+    // Open the path so that only the credential check remains.
+    ASSERT_EQ(::chmod(path_.c_str(), 0666), 0);
     pid_t child = ::fork();
     if (child == 0) {
         if (::setgid(65534) != 0 || ::setuid(65534) != 0)
             ::_exit(10);
-        Conn c(s.kernel->socketPath());
-        if (!c.connected())
-            ::_exit(11);
-        c.send("<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>");
-        std::optional<Msg> m = c.next(3000);
-        ::_exit(m ? 12 : (c.waitClosed(3000) ? 0 : 13));
+        int fd = rawConnect();
+        ::send(fd, kNewClient, sizeof kNewClient - 1, MSG_NOSIGNAL);
+        ::_exit(rawRead(fd, "") == "<closed>" ? 0 : 12);  // refused unheard
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "10: setuid failed, 11: no connect, 12: was served, 13: not closed";
-    EXPECT_TRUE(logShows(*s.kernel, "refused a connection from uid 65534")) << s.kernel->log();
-    EXPECT_EQ(single(outputs(s.cmd("1+2"), "result")), "3");
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0) << "10: setuid failed, 12: not refused";
+    EXPECT_TRUE(logShows("refused a connection from uid 65534")) << log();
+    EXPECT_EQ(result(c, "1+2"), "3");
 }
 
-TEST(TamkernLifetime, LastClientLeavingEndsALaunchedKernel)
+TEST_F(Tamkern, LastClientLeavingEndsALaunchedKernel)
 {
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    Conn c(k->socketPath());
-    long a = c.newClient();
-    long b = c.newClient();
-    c.send("<quit cl=\"" + std::to_string(a) + "\"/>");
-    EXPECT_EQ(k->waitExit(500), -1) << "one client is left";
-    c.send("<quit cl=\"" + std::to_string(b) + "\"/>");
-    EXPECT_EQ(k->waitExit(10000), 0);
-    EXPECT_TRUE(c.waitClosed());
-    struct stat st;
-    EXPECT_NE(::lstat(k->socketPath().c_str(), &st), 0) << "socket file removed";
-    EXPECT_EQ(k->log(), "");
+    Client& a = add(launch());
+    Client& b = another(a);
+    TAM_delete_kernel(a.k);  // quits a
+    clients_.erase(clients_.begin());
+    EXPECT_EQ(waitExit(500), -1) << "one client is left";
+    ASSERT_EQ(TAM_send_quit(b.k), 1);
+    EXPECT_EQ(waitExit(10000), 0);
+    EXPECT_TRUE(socketGone());
+    EXPECT_EQ(log(), "");
 }
 
-TEST(TamkernLifetime, StayAliveKeepsTheKernel)
+TEST_F(Tamkern, StayAliveKeepsALaunchedKernel)
 {
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    {
-        Conn c(k->socketPath());
-        long a = c.newClient("stay_alive can_quit ");
-        c.send("<quit cl=\"" + std::to_string(a) + "\"/>");
-    }
-    EXPECT_EQ(k->waitExit(700), -1);
-    Conn again(k->socketPath());
-    long id = again.newClient();
-    EXPECT_EQ(single(outputs(again.cmd(id, "10!"), "result")), "3628800");
+    Client& a = add(launch(), TAM_FEATURE_CAN_QUIT | TAM_FEATURE_STAY_ALIVE);
+    ASSERT_EQ(TAM_send_quit(a.k), 1);
+    EXPECT_EQ(waitExit(700), -1);
+    EXPECT_EQ(result(another(a), "10!"), "3628800");
+    ::kill(pid_, SIGTERM);
+    EXPECT_EQ(waitExit(10000), 0);
 }
 
-TEST(TamkernLifetime, QuitCommandTellsEveryConnection)
+TEST_F(Tamkern, QuitCommandTellsEveryConnection)
 {
-    TempDir dir;
-    auto k = Kernel::launch(dir);
-    ASSERT_TRUE(k);
-    Conn a(k->socketPath()), b(k->socketPath());
-    long ia = a.newClient();
-    long ib = b.newClient();
-    ASSERT_GE(ib, 0);
-    a.send("<cmd cl=\"" + std::to_string(ia) + "\" cid=\"0\"><text format=\"_lan\">quit</text></cmd>");
-    for (Conn* c : {&a, &b}) {
-        std::optional<Msg> m = c->next();
-        ASSERT_TRUE(m.has_value());
-        EXPECT_EQ(m->name, "quit");
-        EXPECT_TRUE(m->attrs.empty());
-        EXPECT_TRUE(c->waitClosed());
-    }
-    EXPECT_EQ(k->waitExit(10000), 0);
+    Client& a = add(launch());
+    Client& b = join("b");
+    ASSERT_EQ(TAM_send_cmd(a.k, cookie(0), "quit"), 1);
+    pump([&] { return a.has("quit") && b.has("quit"); });
+    EXPECT_EQ(a.fresh(), Events{"quit"});
+    EXPECT_EQ(b.fresh(), Events{"quit"});
+    EXPECT_EQ(TAM_get_client_fd(a.k), -1);
+    EXPECT_EQ(waitExit(10000), 0);
 }
 
-TEST(TamkernLifetime, StandaloneOutlivesClientsUntilSigterm)
+TEST_F(Tamkern, StandaloneOutlivesItsClientsUntilSigterm)
 {
-    Session s(true);
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("quit", "/>"));
-    s.conn->close();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    ASSERT_TRUE(s.kernel->running());
-    Conn c(s.kernel->socketPath());
-    long id = c.newClient();
-    EXPECT_EQ(single(outputs(c.cmd(id, "gcd(12,18)"), "result")), "6");
-    ::kill(s.kernel->pid(), SIGTERM);
-    EXPECT_EQ(s.kernel->waitExit(10000), 0);
-    struct stat st;
-    EXPECT_NE(::lstat(s.kernel->socketPath().c_str(), &st), 0) << "socket file removed";
-}
-
-TEST(TamkernLifetime, StandaloneEndsWithTheQuitCommand)
-{
-    Session s(true);
-    ASSERT_TRUE(s.ok());
-    s.conn->send(s.request("cmd", " cid=\"0\"><text format=\"_lan\">quit</text></cmd>"));
-    std::optional<Msg> m = s.conn->next();
-    ASSERT_TRUE(m.has_value());
-    EXPECT_EQ(m->name, "quit");
-    EXPECT_EQ(s.kernel->waitExit(10000), 0);
-    struct stat st;
-    EXPECT_NE(::lstat(s.kernel->socketPath().c_str(), &st), 0);
+    ASSERT_TRUE(standalone());
+    Client& a = join("a");
+    ASSERT_EQ(TAM_send_quit(a.k), 1);
+    usleep(300000);
+    // Its only client left, yet it still serves newcomers.
+    EXPECT_EQ(result(join("b"), "gcd(12,18)"), "6");
+    ::kill(pid_, SIGTERM);
+    EXPECT_EQ(waitExit(10000), 0);
+    EXPECT_TRUE(socketGone());
+    EXPECT_NE(log().find("terminated by signal"), std::string::npos) << log();
 }

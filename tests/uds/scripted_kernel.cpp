@@ -3,9 +3,10 @@
 // line, and appends what its connection n receives to $TAMIX_RECORD (n = 0)
 // or $TAMIX_RECORD.n; $TAMIX_RECORD.args gets its arguments and process id.
 // Steps (in TEXT, \n stands for a newline):
-//   listen | accept | conn N | wait_for TEXT | drain | send TEXT
-//   sleep_ms N | close | exit N | kill
-// wait_for reads until TEXT has arrived after the end of the previous match.
+//   listen | accept | wait_for TEXT | drain | send TEXT | sleep_ms N | close
+//   exit N | kill
+// All but listen work on the latest accepted connection; wait_for reads until
+// TEXT has arrived after the end of the previous match.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -51,7 +52,6 @@ int main(int argc, char** argv) {
 
     int listener = -1;
     std::vector<Conn> conns;
-    size_t cur = 0;
     for (std::string line; std::getline(script, line);) {
         size_t sp = line.find(' ');
         std::string op = line.substr(0, sp), arg = sp == std::string::npos ? "" : line.substr(sp + 1);
@@ -69,11 +69,8 @@ int main(int argc, char** argv) {
             std::string path = conns.empty() ? record : record + ("." + std::to_string(conns.size()));
             conns.push_back({accept(listener, nullptr, nullptr),
                              open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), "", 0});
-            cur = conns.size() - 1;
-        } else if (op == "conn") {
-            cur = std::stoul(arg);
         } else if (op == "wait_for") {
-            Conn& c = conns.at(cur);
+            Conn& c = conns.back();
             size_t at;
             while ((at = c.got.find(arg, c.matched)) == std::string::npos) {
                 if (!readMore(c))
@@ -81,14 +78,14 @@ int main(int argc, char** argv) {
             }
             c.matched = at + arg.size();
         } else if (op == "drain") {
-            while (readMore(conns.at(cur))) {
+            while (readMore(conns.back())) {
             }
         } else if (op == "send") {
-            send(conns.at(cur).fd, arg.data(), arg.size(), MSG_NOSIGNAL);
+            send(conns.back().fd, arg.data(), arg.size(), MSG_NOSIGNAL);
         } else if (op == "sleep_ms") {
             usleep(static_cast<useconds_t>(std::stoul(arg)) * 1000);
         } else if (op == "close") {
-            close(conns.at(cur).fd);
+            close(conns.back().fd);
         } else if (op == "exit") {
             _exit(std::stoi(arg));
         } else if (op == "kill") {

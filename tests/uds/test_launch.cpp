@@ -1,8 +1,9 @@
-// Launching and joining kernels through real processes and sockets.
+// Launching and joining kernels through real processes and sockets, and the
+// registry of kernel processes.
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "uds/ScriptedKernel.h"
-#include "uds/TAM_UdsKernel.h"
 
 using namespace tamixtest;
 
@@ -27,11 +28,6 @@ void expectMarkersAndNoChildren() {
     errno = 0;
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
 }
 
 } // namespace
@@ -74,7 +70,7 @@ TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
         _exit(0);
     }
     Scenario s("sleep_ms 300\nlisten\naccept\ndrain\nexit 0\n");
-    TAM_KernelImpl* k = launch();
+    TAM_KernelImpl* k = TAM_new_uds_kernel(TAMIX_SCRIPTED_KERNEL, nullptr);
     ASSERT_NE(k, nullptr);
     EXPECT_EQ(waitpid(other, nullptr, 0), other);
     const Strings args = s.args();  // arguments, then the process id
@@ -84,17 +80,18 @@ TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
     EXPECT_EQ(args[2].substr(0, 15), "/var/tmp//tamkr");
     EXPECT_EQ(args[2].size(), 21u);
     EXPECT_STREQ(TAM_get_listen_path(k), args[2].c_str());
-    EXPECT_TRUE(exists(args[2]));
+    EXPECT_EQ(access(args[2].c_str(), F_OK), 0);
     // Without a name the process is named after its socket.
     const int fd = TAM_get_client_fd(k);
-    EXPECT_STREQ(TAM_get_kernel_name(k), std::to_string(fd).c_str());
+    EXPECT_EQ(names(), Strings{std::to_string(fd)});
     EXPECT_EQ(TAM_get_client_id(k), -1);
     // The client end is bound to an owner-only socket file of its own.
     const std::string client = boundPath(fd);
     EXPECT_EQ(client.substr(0, 15), "/var/tmp//tamcl");
     struct stat st;
-    ASSERT_EQ(stat(client.c_str(), &st), 0);
+    EXPECT_EQ(stat(client.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
+    unlink(client.c_str());
     // Deleting the only client closes the socket, so the kernel ends; it is
     // reaped and its socket file removed. Without an id the client sends
     // nothing, not even a quit request.
@@ -102,45 +99,40 @@ TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
     EXPECT_TRUE(alive(pid));
     TAM_delete_kernel(k);
     EXPECT_FALSE(alive(pid));
-    EXPECT_FALSE(exists(args[2]));
+    EXPECT_NE(access(args[2].c_str(), F_OK), 0);
     expectMarkersAndNoChildren();
     EXPECT_EQ(s.received(), "");
     EXPECT_TRUE(names().empty());
 }
 
-TEST(UdsLaunch, JoiningARunningKernel) {
-    Scenario s("listen\naccept\naccept\nconn 1\nwait_for <newclient\nsend <ready cl=\"3\"/>\ndrain\n"
-               "conn 0\ndrain\nexit 0\n");
-    TAM_KernelImpl* owner = launch("owner");
+TEST(UdsLaunch, JoiningAndLookingUpByName) {
+    Scenario s("listen\naccept\naccept\nwait_for <newclient\nsend <ready cl=\"3\"/>\ndrain\nexit 0\n");
+    TAM_KernelImpl* owner = withoutSocketFile(TAM_get_uds_kernel(TAMIX_SCRIPTED_KERNEL, "dup", 1));
     ASSERT_NE(owner, nullptr);
     const std::string listen = TAM_get_listen_path(owner);
-    TAM_KernelImpl* joined = tracked(TAM_connect_uds_kernel(listen.c_str(), "joined"));
+    TAM_KernelImpl* joined = withoutSocketFile(TAM_connect_uds_kernel(listen.c_str(), "dup"));
     ASSERT_NE(joined, nullptr);
     EXPECT_NE(TAM_get_client_fd(joined), TAM_get_client_fd(owner));
     EXPECT_STREQ(TAM_get_listen_path(joined), listen.c_str());
-    EXPECT_EQ(names(), (Strings{"owner", "joined"}));
+    // Of two processes with one name the first is found.
+    TAM_KernelImpl* again = TAM_get_uds_kernel(nullptr, "dup", 0);
+    EXPECT_EQ(TAM_get_client_fd(again), TAM_get_client_fd(owner));
+    ASSERT_EQ(TAM_set_kernel_name(joined, "gamma"), 1);
+    EXPECT_EQ(TAM_set_kernel_name(joined, nullptr), 0);
+    EXPECT_EQ(names(), (Strings{"dup", "gamma"}));
     ASSERT_EQ(TAM_send_new_client(joined, "j", nullptr, 0), 1);
     ASSERT_TRUE(pumpUntil([&] { return TAM_get_client_id(joined) == 3; }));
     EXPECT_EQ(TAM_get_client_id(owner), -1);
-    // A joined kernel is not waited for, but its socket file goes with the
-    // process object all the same.
-    const pid_t pid = s.pid();
-    TAM_delete_kernel(joined);
-    EXPECT_FALSE(exists(listen));
-    EXPECT_TRUE(alive(pid));
+    // A process stays registered while a connection holds it; a joined one
+    // takes the kernel's socket file with it all the same.
     TAM_delete_kernel(owner);
+    EXPECT_EQ(names(), (Strings{"dup", "gamma"}));
+    TAM_delete_kernel(joined);
+    EXPECT_NE(access(listen.c_str(), F_OK), 0);
+    EXPECT_EQ(names(), Strings{"dup"});
+    const pid_t pid = s.pid();
+    TAM_delete_kernel(again);
     EXPECT_FALSE(alive(pid));
+    EXPECT_TRUE(names().empty());
     EXPECT_NE(s.received(1).find("<quit cl=\"3\"/>"), std::string::npos);
-}
-
-TEST(UdsLaunch, ConnectionWithoutProcess) {
-    TAM_KernelImpl* k = new TAM_UdsKernel(nullptr);
-    EXPECT_EQ(TAM_get_client_fd(k), -1);
-    EXPECT_EQ(TAM_get_kernel_name(k), nullptr);
-    EXPECT_EQ(TAM_get_listen_path(k), nullptr);
-    EXPECT_EQ(TAM_set_kernel_name(k, "x"), 0);
-    EXPECT_EQ(TAM_send_new_client(k, "a", "b", 0), 0);
-    EXPECT_EQ(TAM_send_cmd(k, nullptr, "1+1"), 0);
-    EXPECT_EQ(TAM_send_quit(k), 0);
-    TAM_delete_kernel(k);
 }
