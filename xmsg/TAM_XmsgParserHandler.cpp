@@ -280,8 +280,10 @@ void TAM_XmsgParserHandler::decodeMCode()
             }
             if (rc == Z_STREAM_END)
                 break;  // anything after the stream's end inflates to nothing
+            if (rc == Z_BUF_ERROR)
+                break;  // this block is used up (its output filled the buffer exactly): take the next
             if (rc != Z_OK)
-                goto done;  // corrupt data, or no progress possible now
+                goto done;  // corrupt data
             more = inflater_.avail_in > 0 || inflater_.avail_out == 0;
         }
     }
