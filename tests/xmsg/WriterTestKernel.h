@@ -14,9 +14,8 @@ namespace writertest {
 
 struct FailingStream : TKheapStream {
     long failAt = 0;  // 1-based write of the request that fails; 0: none
-    long failCode = TKstream::Error;
+    long failCode = TKstream::Error, writes = 0, flushes = 0;
     bool throws = false, failFlush = false;
-    long writes = 0, flushes = 0;
 
     long write(const void* data, unsigned long len, unsigned long& count) override
     {
@@ -69,8 +68,6 @@ struct TestKernel : TAM_XmsgKernel {
     using TAM_XmsgKernel::xend;
     using TAM_XmsgKernel::xput_ascii_cdata;
     using TAM_XmsgKernel::xput_cdata;
-    using TAM_XmsgKernel::xput_int;
-    using TAM_XmsgKernel::xput_mcode;
     using TAM_XmsgKernel::zstream_;
 
     long id_;

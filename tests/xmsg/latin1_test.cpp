@@ -63,17 +63,14 @@ TEST_F(Latin1, MessagesConvertTextAndTextAttributes)
         "<selformat cl=\"1\" type=\"" E_UTF8 "\"><fmt name=\"" E_UTF8 "\"/></selformat>"
         "<format cl=\"1\" type=\"" E_UTF8 "\"><fmt name=\"g" E_UTF8 "\"/></format>"
         "<callback cl=\"1\"><mcode format=\"m" E_UTF8 "\">eJxLTEoGAAJNASc=</mcode></callback>",
-        {"#1 output cid=0 type='t\\xC3\\xA9' format='f\\xC3\\xA9' text='caf\\xE9 \\xE9t\\xE9'",
-         "#1 output cid=0 type='' format='' text='" + latin1 + "'",
-         "#1 input_wanted cid=0 text=0 prompt='r\\xE9ponse? '", "#1 help '\\xE9'",
-         "#1 system 'echo \\xE9'", "#1 frame '\\xE9'", "#1 plotfile cid=0 '/tmp/\\xE9.eps'",
-         "#1 completion list='\\xE9a \\xE9b' pref='\\xE9'",
-         "#1 dbginfo cmd=115 fname='\\xE9.g' fpos=0 expr='x\\xE9' level=0 depth=0",
-         // the command character is the first byte as received
-         "#2 dbginfo cmd=195 fname='' fpos=0 expr='' level=0 depth=0",
-         "#1 breakpoints n=1 ['\\xE9'] [0] ['\\xE9']", "#1 callstack level=0 n=1 ['\\xE9'] [0] ['p\\xE9']",
-         "#1 display n=1 ['\\xE9'] ['\\xE9']", "#1 selformat type='\\xC3\\xA9' n=1 ['\\xC3\\xA9']",
-         "#1 format type='\\xC3\\xA9' 'g\\xC3\\xA9'", "#1 callback cid=0 fmt='m\\xC3\\xA9' len=3 data=abc"});
+        {"#1 output 0 't\\xC3\\xA9' 'f\\xC3\\xA9' 'caf\\xE9 \\xE9t\\xE9'", "#1 output 0 '' '' '" + latin1 + "'",
+         "#1 input_wanted 0 0 'r\\xE9ponse? '", "#1 help '\\xE9'", "#1 system 'echo \\xE9'", "#1 frame '\\xE9'",
+         "#1 plotfile 0 '/tmp/\\xE9.eps'", "#1 completion '\\xE9a \\xE9b' '\\xE9'",
+         "#1 dbginfo 115 '\\xE9.g' 0 'x\\xE9' 0 0",
+         "#2 dbginfo 195 '' 0 '' 0 0",  // the command character is the first byte as received
+         "#1 breakpoints 1 ['\\xE9'] [0] ['\\xE9']", "#1 callstack 0 1 ['\\xE9'] [0] ['p\\xE9']",
+         "#1 display 1 ['\\xE9'] ['\\xE9']", "#1 selformat '\\xC3\\xA9' 1 ['\\xC3\\xA9']",
+         "#1 format '\\xC3\\xA9' 'g\\xC3\\xA9'", "#1 callback 0 'm\\xC3\\xA9' 3 'abc'"});
 }
 
 } // namespace

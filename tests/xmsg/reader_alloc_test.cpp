@@ -74,24 +74,13 @@ void note(void* ra)
 } // namespace
 
 // noinline: the return address must be the real caller's.
-extern "C" __attribute__((noinline)) void* malloc(size_t n)
-{
-    note(__builtin_return_address(0));
-    return __libc_malloc(n);
-}
-extern "C" __attribute__((noinline)) void* calloc(size_t n, size_t m)
-{
-    note(__builtin_return_address(0));
-    return __libc_calloc(n, m);
-}
-extern "C" __attribute__((noinline)) void* realloc(void* p, size_t n)
-{
-    note(__builtin_return_address(0));
-    return __libc_realloc(p, n);
-}
+#define NOTE note(__builtin_return_address(0))
+extern "C" __attribute__((noinline)) void* malloc(size_t n) { return NOTE, __libc_malloc(n); }
+extern "C" __attribute__((noinline)) void* calloc(size_t n, size_t m) { return NOTE, __libc_calloc(n, m); }
+extern "C" __attribute__((noinline)) void* realloc(void* p, size_t n) { return NOTE, __libc_realloc(p, n); }
 __attribute__((noinline)) void* operator new(size_t n)
 {
-    note(__builtin_return_address(0));
+    NOTE;
     if (void* p = __libc_malloc(n ? n : 1))
         return p;
     throw std::bad_alloc();
