@@ -30,8 +30,7 @@ struct Range {
     uintptr_t lo = 0, hi = 0;
     bool has(uintptr_t a) const { return a >= lo && a < hi; }
 } gLib, gRuntime[2];
-bool gCounting = false;
-thread_local bool tInHook = false;
+bool gCounting = false, gInHook = false;
 long gLibAllocs = 0;
 
 int findRanges(dl_phdr_info* info, size_t, void*)
@@ -41,10 +40,11 @@ int findRanges(dl_phdr_info* info, size_t, void*)
              : std::strstr(n, "libstdc++")    ? &gRuntime[0]
              : std::strstr(n, "libc.so")      ? &gRuntime[1]
                                               : nullptr;
-    for (int i = 0; r && i < info->dlpi_phnum; ++i)
-        if (info->dlpi_phdr[i].p_type == PT_LOAD && (info->dlpi_phdr[i].p_flags & PF_X))
-            *r = {info->dlpi_addr + info->dlpi_phdr[i].p_vaddr,
-                  info->dlpi_addr + info->dlpi_phdr[i].p_vaddr + info->dlpi_phdr[i].p_memsz};
+    for (int i = 0; r && i < info->dlpi_phnum; ++i) {
+        const auto& ph = info->dlpi_phdr[i];
+        if (ph.p_type == PT_LOAD && (ph.p_flags & PF_X))
+            *r = {info->dlpi_addr + ph.p_vaddr, info->dlpi_addr + ph.p_vaddr + ph.p_memsz};
+    }
     return 0;
 }
 
@@ -53,11 +53,11 @@ bool inRuntime(uintptr_t a) { return gRuntime[0].has(a) || gRuntime[1].has(a); }
 // ra: the caller of malloc or new.
 void note(void* ra)
 {
-    if (!gCounting || tInHook)
+    if (!gCounting || gInHook)
         return;
     uintptr_t a = reinterpret_cast<uintptr_t>(ra);
     if (inRuntime(a)) {
-        tInHook = true;
+        gInHook = true;
         void* frames[16];
         const int n = backtrace(frames, 16);
         int i = 0;
@@ -66,7 +66,7 @@ void note(void* ra)
         while (++i < n && inRuntime(reinterpret_cast<uintptr_t>(frames[i])))
             ;
         a = i < n ? reinterpret_cast<uintptr_t>(frames[i]) : 0;
-        tInHook = false;
+        gInHook = false;
     }
     gLibAllocs += gLib.has(a);
 }
@@ -117,12 +117,9 @@ protected:
 TEST_F(ReaderAlloc, CounterSeesTheLibrarysOwnAllocations)
 {
     rh::Session s;
-    EXPECT_GE(libAllocsDuring([&] {
-                  s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\" cond=\"b\"/></breakpoints>");
-              }), 2);
-    EXPECT_GE(libAllocsDuring([&] {
-                  s.feed("<output cl=\"1\" type=\"a type that does not fit a short string\"/>");
-              }), 1);
+    EXPECT_GE(libAllocsDuring([&] { s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\" cond=\"b\"/></breakpoints>"); }),
+              2);
+    EXPECT_GE(libAllocsDuring([&] { s.feed("<output cl=\"1\" type=\"a type longer than a short string\"/>"); }), 1);
 }
 
 TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
@@ -149,7 +146,8 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
                           s.feed(m);
                   for (unsigned seed = 1; seed <= 20; ++seed)  // in pieces, as the socket gives them
                       s.feed(msgs[0] + msgs[1], rh::Split::Random, seed);
-              }), 0);
+              }),
+              0);
     EXPECT_EQ(delivered, 400 + 40);
 }
 
@@ -157,9 +155,6 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
 
 #else
 
-TEST(ReaderAlloc, NeedsItsOwnAllocator)
-{
-    GTEST_SKIP() << "AddressSanitizer owns malloc here; the counting allocator is left out";
-}
+TEST(ReaderAlloc, NeedsItsOwnAllocator) { GTEST_SKIP() << "AddressSanitizer owns malloc here"; }
 
 #endif
