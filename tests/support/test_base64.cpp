@@ -158,10 +158,12 @@ TEST(Base64, ResetMessageEndAndByteInterface)
     enc.write(in, 6);
     EXPECT_EQ(2, enc.read(buf, 2));
     enc.reset();  // drops the pending "9v" and the unread "bar"
-    enc.messageEnd();
     EXPECT_EQ(0, enc.read(buf, 8));
+    enc.write(in, 6);
     dec.write(in, 6);
-    dec.messageEnd();  // the range was never read
+    enc.messageEnd();  // the ranges were never read
+    dec.messageEnd();
+    EXPECT_EQ(0, enc.read(buf, 8));
     EXPECT_EQ(0, dec.read(buf, 8));
     dec.write(in, 2);  // "fo": a partial group
     dec.reset();
