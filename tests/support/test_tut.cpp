@@ -75,14 +75,8 @@ protected:
 // exact size works and nothing is written after the result.
 TEST_F(TutTest, EveryBufferShapeNeedsRoomForTheWholeResult)
 {
-    struct {
-        const char* locale;
-        const char* call;
-        long (*conv)(void*, unsigned long);
-        unsigned long need;  // units, terminator included when one is written
-        long result;
-        std::string out;
-    } cases[] = {
+    // need counts units, the terminator included when one is written.
+    struct { const char *locale, *call; long (*conv)(void*, unsigned long); unsigned long need; long result; std::string out; } cases[] = {
         {U8, C8(utf8ToLoc(kHello, 6, dst, n)), 7, 6, kHello0},
         {U8, C8(locToUtf8(kHello, -1, dst, n)), 7, 6, kHello0},
         {U8, C8(utf16ToUtf8(kEuro, 3, dst, n)), 7, 6, std::string("h\xc3\xa9\xe2\x82\xac", 7)},
@@ -120,13 +114,7 @@ TEST_F(TutTest, EveryBufferShapeNeedsRoomForTheWholeResult)
 // results count a terminator unless empty.
 TEST_F(TutTest, LengthsWarnThatTheyShouldNotBeCalled)
 {
-    struct {
-        const char* locale;
-        const char* call;
-        long (*fn)();
-        long expected;
-        const char* warner;
-    } cases[] = {
+    struct { const char *locale, *call; long (*fn)(); long expected; const char* warner; } cases[] = {
         {U8, L(utf8ToLoc(kHello, 6, nullptr, 0)), 7, "utf8ToLocLength"},
         {U8, L(locToUtf8(kHello, 6, nullptr, 100)), 7, "locToUtf8Length"},
         {U8, L(locToUtf8Length("", -1)), 0, "locToUtf8Length"},

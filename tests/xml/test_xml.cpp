@@ -87,8 +87,7 @@ TEST(XmlParser, NamespacesSplitIntoUriAndLocalName)
                  "start {urn:p}e 7 [{urn:p}at:7=v;plain:0=w;]", "name {urn:p}e", "onEnd", "end {urn:p}e 7",
                  "name n", "start n 0 []", "name n", "onEnd", "end n 0", "name {urn:d}r", "onEnd", "end {urn:d}r 7"}));
     // Without namespace processing names arrive as written.
-    EXPECT_EQ(parse(plain, "<p:e xmlns:p=\"urn:p\" p:at=\"v\"/>")[3], "start p:e 0 [xmlns:p:0=urn:p;p:at:0=v;]");
-
+    EXPECT_EQ(parse(plain, "<p:e xmlns:p=\"urn:p\" p:at=\"v\"/>").at(3), "start p:e 0 [xmlns:p:0=urn:p;p:at:0=v;]");
 }
 
 TEST(XmlParser, OneByteFeedsGiveTheSameEventsAsWhole)
