@@ -11,8 +11,7 @@ namespace {
 const std::string kGreeting = "Tamix Kernel Console. Quit with the quit command.\n";
 // Every session starts with the announcement and the init.
 const std::string kOpening =
-    "<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" "
-    "features=\"can_quit \"/><init cl=\"1\"><iarg value=\"-l\"/><iarg value=\"../lib\"/></init>";
+    newClient("", "can_quit ") + "<init cl=\"1\"><iarg value=\"-l\"/><iarg value=\"../lib\"/></init>";
 const std::string kQuit = "<quit cl=\"1\"/>";
 
 std::string cmd(const std::string& text) {

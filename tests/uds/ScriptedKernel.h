@@ -47,17 +47,10 @@ struct Scenario {
         std::error_code ignored;
         std::filesystem::remove_all(dir, ignored);
     }
-    // What the kernel received on its connection n.
-    std::string received(int n = 0) const { return readFile(dir + "/rec" + (n ? "." + std::to_string(n) : "")); }
-    // The kernel's arguments, then its process id.
-    Strings args() const {
-        Strings out;
-        std::istringstream in(readFile(dir + "/rec.args"));
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
-    }
-    pid_t pid() const { return static_cast<pid_t>(std::stol(args().back())); }
+    // What the kernel received, on all its connections.
+    std::string received() const { return readFile(dir + "/rec"); }
+    std::string args() const { return readFile(dir + "/rec.args"); }
+    pid_t pid() const { return std::stoi(readFile(dir + "/rec.pid")); }
 };
 
 // The file a client socket is bound to.
@@ -88,6 +81,12 @@ inline Strings names() {
     }
     TAM_free(n);
     return out;
+}
+
+// A client's announcement with the default formats.
+inline std::string newClient(const std::string& name, const std::string& features) {
+    return "<newclient name =\"" + name + "\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"" +
+           features + "\"/>";
 }
 
 // What the handlers of watched clients saw, as "<event>:<client index>".

@@ -1,7 +1,7 @@
 // A stand-in kernel for the transport and console tests, launched as
 // "name -X socket-path". It plays the steps in the file $TAMIX_SCRIPT, one a
-// line, and appends what its connection n receives to $TAMIX_RECORD (n = 0)
-// or $TAMIX_RECORD.n; $TAMIX_RECORD.args gets its arguments and process id.
+// line, appends every byte it receives to $TAMIX_RECORD, and writes its
+// arguments to $TAMIX_RECORD.args and its process id to $TAMIX_RECORD.pid.
 // Steps (in TEXT, \n stands for a newline):
 //   listen | accept | wait_for TEXT | drain | send TEXT | sleep_ms N | close
 //   exit N | kill
@@ -17,27 +17,6 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <vector>
-
-namespace {
-
-struct Conn {
-    int fd, record;
-    std::string got;
-    size_t matched = 0;
-};
-
-// One more read from c; false at its end.
-bool readMore(Conn& c) {
-    char buf[4096];
-    ssize_t n = read(c.fd, buf, sizeof buf);
-    if (n <= 0)
-        return false;
-    c.got.append(buf, static_cast<size_t>(n));
-    return write(c.record, buf, static_cast<size_t>(n)) == n;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     const char* record = getenv("TAMIX_RECORD");
@@ -45,13 +24,21 @@ int main(int argc, char** argv) {
     if (argc != 3 || !record || !script)
         return 98;
     alarm(30);  // a test gone wrong does not leave this process behind
-    std::ofstream args(std::string(record) + ".args");
-    for (int i = 0; i < argc; ++i)
-        args << argv[i] << '\n';
-    args << getpid() << std::endl;
+    std::ofstream(std::string(record) + ".args") << argv[0] << ' ' << argv[1] << ' ' << argv[2];
+    std::ofstream(std::string(record) + ".pid") << getpid();
 
-    int listener = -1;
-    std::vector<Conn> conns;
+    int rec = open(record, O_WRONLY | O_CREAT | O_APPEND, 0600), listener = -1, fd = -1;
+    std::string got;
+    size_t matched = 0;
+    // One more read from the connection; false at its end.
+    auto readMore = [&] {
+        char buf[4096];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0)
+            return false;
+        got.append(buf, static_cast<size_t>(n));
+        return write(rec, buf, static_cast<size_t>(n)) == n;
+    };
     for (std::string line; std::getline(script, line);) {
         size_t sp = line.find(' ');
         std::string op = line.substr(0, sp), arg = sp == std::string::npos ? "" : line.substr(sp + 1);
@@ -66,26 +53,25 @@ int main(int argc, char** argv) {
                 return 97;
             kill(getppid(), SIGUSR1);
         } else if (op == "accept") {
-            std::string path = conns.empty() ? record : record + ("." + std::to_string(conns.size()));
-            conns.push_back({accept(listener, nullptr, nullptr),
-                             open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), "", 0});
+            fd = accept(listener, nullptr, nullptr);
+            got.clear();
+            matched = 0;
         } else if (op == "wait_for") {
-            Conn& c = conns.back();
             size_t at;
-            while ((at = c.got.find(arg, c.matched)) == std::string::npos) {
-                if (!readMore(c))
+            while ((at = got.find(arg, matched)) == std::string::npos) {
+                if (!readMore())
                     return 96;
             }
-            c.matched = at + arg.size();
+            matched = at + arg.size();
         } else if (op == "drain") {
-            while (readMore(conns.back())) {
-            }
+            while (readMore())
+                continue;
         } else if (op == "send") {
-            send(conns.back().fd, arg.data(), arg.size(), MSG_NOSIGNAL);
+            send(fd, arg.data(), arg.size(), MSG_NOSIGNAL);
         } else if (op == "sleep_ms") {
             usleep(static_cast<useconds_t>(std::stoul(arg)) * 1000);
         } else if (op == "close") {
-            close(conns.back().fd);
+            close(fd);
         } else if (op == "exit") {
             _exit(std::stoi(arg));
         } else if (op == "kill") {

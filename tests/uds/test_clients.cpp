@@ -16,11 +16,6 @@ bool launchClients(int n) {
     return std::find(clients.begin(), clients.end(), nullptr) == clients.end();
 }
 
-std::string newClient(const std::string& name, const std::string& features) {
-    return "<newclient name =\"" + name + "\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"" +
-           features + "\"/>";
-}
-
 } // namespace
 
 TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
