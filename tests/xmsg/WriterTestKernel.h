@@ -56,12 +56,6 @@ struct TestKernel : TAM_XmsgKernel {
         stream.clear();
         TAM_XmsgKernel::xbegin(name, len);
     }
-    // Starts a bare helper call the way xbegin would, without a start tag.
-    void fresh()
-    {
-        stream.clear();
-        status_ = TKstream::Ok;
-    }
     std::string text() { return std::string(reinterpret_cast<char*>(stream.data()), stream.length()); }
 
     using TAM_XmsgKernel::status_;

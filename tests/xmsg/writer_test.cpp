@@ -166,9 +166,9 @@ TEST_F(Writer, Escaping)
     // Tab and line ends stay, other control bytes go; UTF-8 passes the UTF-8 locale whole.
     k.xput_cdata("\t\n\r|\x01\x07\x1B\x1F|'\"&<>\xC3\xA9\xE2\x82\xAC");
     EXPECT_EQ(k.text(), "\t\n\r||&apos;&quot;&amp;&lt;&gt;\xC3\xA9\xE2\x82\xAC");
-    k.fresh();
-    k.xput_ascii_cdata("\x02" "a'\x7F\xFF\x1F");  // protocol words: the same table, no conversion
-    EXPECT_EQ(k.text(), "a&apos;\x7F\xFF");
+    TestKernel w;
+    w.xput_ascii_cdata("\x02" "a'\x7F\xFF\x1F");  // protocol words: the same table, no conversion
+    EXPECT_EQ(w.text(), "a&apos;\x7F\xFF");
     std::string cmd, escaped;  // beyond the conversion's inline buffer
     for (int i = 0; i < 2000; ++i)
         cmd += "x<", escaped += "x&lt;";
