@@ -1,11 +1,10 @@
 // Steady-state allocations of the reader.
 //
 // This executable interposes malloc, calloc, realloc and operator new. While
-// counting, each call is attributed by its return address: from
-// libtamclient's code it counts; from libc or libstdc++ (strdup,
-// std::string) the stack is followed with backtrace() to the first frame
-// outside them, and counts if that is libtamclient's; from QtCore (the text
-// conversion's temporaries), expat, zlib or the test it does not. Code
+// counting, each call is attributed with backtrace() to its caller, or, for
+// a call from libc or libstdc++ (strdup, std::string), to the first frame
+// above them: it counts if that is in libtamclient's code, not if it is in
+// QtCore (the text conversion's temporaries), expat, zlib or the test. Code
 // ranges come from dl_iterate_phdr. AddressSanitizer owns malloc, so a
 // sanitizer build leaves the interposer out and skips the cases.
 #include <gtest/gtest.h>
@@ -50,25 +49,22 @@ int findRanges(dl_phdr_info* info, size_t, void*)
 
 bool inRuntime(uintptr_t a) { return gRuntime[0].has(a) || gRuntime[1].has(a); }
 
-// ra: the caller of malloc or new.
+// ra: the caller of malloc or new. The first frame from there on that is
+// not in the C or C++ runtime decides.
 void note(void* ra)
 {
     if (!gCounting || gInHook)
         return;
-    uintptr_t a = reinterpret_cast<uintptr_t>(ra);
-    if (inRuntime(a)) {
-        gInHook = true;
-        void* frames[16];
-        const int n = backtrace(frames, 16);
-        int i = 0;
-        while (i < n && frames[i] != ra)
-            ++i;
-        while (++i < n && inRuntime(reinterpret_cast<uintptr_t>(frames[i])))
-            ;
-        a = i < n ? reinterpret_cast<uintptr_t>(frames[i]) : 0;
-        gInHook = false;
-    }
-    gLibAllocs += gLib.has(a);
+    gInHook = true;
+    void* frames[16];
+    const int n = backtrace(frames, 16);
+    int i = 0;
+    while (i < n && frames[i] != ra)
+        ++i;
+    while (i < n && inRuntime(reinterpret_cast<uintptr_t>(frames[i])))
+        ++i;
+    gLibAllocs += i < n && gLib.has(reinterpret_cast<uintptr_t>(frames[i]));
+    gInHook = false;
 }
 
 } // namespace
