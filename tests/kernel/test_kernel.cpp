@@ -3,7 +3,6 @@
 // turned into 0, deletion and the queries.
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstring>
 #include <utility>
 
@@ -12,11 +11,6 @@
 using writertest::TestKernel;
 
 namespace {
-
-class Kernel : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(std::setlocale(LC_ALL, ""), nullptr); }
-};
 
 void marker() {}
 const void* const kMarker = reinterpret_cast<const void*>(marker);
@@ -68,7 +62,7 @@ void expectTable(const TAM_KernelImpl& k, const Slot* changed = nullptr)
         EXPECT_EQ(s.get(k), &s == changed ? kMarker : s.initial) << "slot " << &s - kSlots;
 }
 
-TEST_F(Kernel, EachSetterFillsItsSlotAndNullRestoresTheInitialValue)
+TEST(Kernel, EachSetterFillsItsSlotAndNullRestoresTheInitialValue)
 {
     TestKernel k;
     expectTable(k);
@@ -93,7 +87,7 @@ TEST_F(Kernel, EachSetterFillsItsSlotAndNullRestoresTheInitialValue)
 }
 
 // The answers themselves are checked through the reader; here what only a direct call reaches.
-TEST_F(Kernel, Defaults)
+TEST(Kernel, Defaults)
 {
     TAM_default_on_init_wanted(nullptr);  // no connection to answer on: no crash
     TAM_default_on_input_wanted(nullptr, nullptr, 0, nullptr);
@@ -155,7 +149,7 @@ const Pair kPairs[] = {
 
 // A wrapper forwards every argument, gives 0 for a null handle and for an
 // exception, and the connection works on after it.
-TEST_F(Kernel, FlatRequests)
+TEST(Kernel, FlatRequests)
 {
     for (const Pair& p : kPairs) {
         SCOPED_TRACE(&p - kPairs);
@@ -178,7 +172,7 @@ TEST_F(Kernel, FlatRequests)
     EXPECT_STREQ(TAM_get_kernel_name(&k), "other");
 }
 
-TEST_F(Kernel, QueriesNullHandlesAndDeletion)
+TEST(Kernel, QueriesNullHandlesAndDeletion)
 {
     TestKernel k(5);
     EXPECT_EQ(TAM_get_client_id(&k), 5);

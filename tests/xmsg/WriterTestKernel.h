@@ -4,6 +4,7 @@
 #ifndef TAMIX_TESTS_XMSG_WRITERTESTKERNEL_H
 #define TAMIX_TESTS_XMSG_WRITERTESTKERNEL_H
 
+#include <clocale>
 #include <new>
 #include <string>
 
@@ -38,8 +39,11 @@ struct FailingStream : TKheapStream {
     }
 };
 
+// Texts are converted in the locale the environment names.
+inline const bool gLocaleSet = std::setlocale(LC_ALL, "") != nullptr;
+
 struct TestKernel : TAM_XmsgKernel {
-    explicit TestKernel(long id = -1) : id_(id) {}
+    explicit TestKernel(long id = -1) : id_(id) { (void)gLocaleSet; }
 
     long get_client_id() const override { return id_; }
     int set_kernel_name(const char* name) override

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <clocale>
 #include <stdexcept>
 
 #include "ReaderHarness.h"
@@ -13,11 +12,6 @@
 using namespace rh;
 
 namespace {
-
-class Reader : public ::testing::Test {
-protected:
-    void SetUp() override { std::setlocale(LC_ALL, ""); }
-};
 
 // cut: bytes taken off the end; flip: damage the last byte (the check sum's).
 std::string base64OfDeflated(const std::string& bytes, int level = Z_DEFAULT_COMPRESSION, long cut = 0,
@@ -41,7 +35,7 @@ std::string callback(const std::string& b64)
 const char kAbc64[] = "eJxLTEoGAAJNASc=";  // "abc"
 const std::string kAbcCall = "#1 callback 2 'f' 3 'abc'";
 
-TEST_F(Reader, MessagesDeliveredAtTheirStartTag)
+TEST(Reader, MessagesDeliveredAtTheirStartTag)
 {
     expectCallsAllSplits(
         "<ready cl=\"1\"/>\n<sendinit cl=\"2\"/>\n<reset cl=\"1\"/>\n<finished cl=\"1\" cid=\"-42\"/>"
@@ -63,7 +57,7 @@ TEST_F(Reader, MessagesDeliveredAtTheirStartTag)
          "#1 status 0 0 0", "#0 ready", "#2 ready"});
 }
 
-TEST_F(Reader, MessagesDeliveredAtTheirEndTag)
+TEST(Reader, MessagesDeliveredAtTheirEndTag)
 {
     std::string longText;
     for (int i = 0; longText.size() < 5000; ++i)
@@ -105,7 +99,7 @@ TEST_F(Reader, MessagesDeliveredAtTheirEndTag)
 
 // Unknown elements are skipped with their content, messages for unknown
 // clients (or none) go nowhere, and nothing of them shows in later messages.
-TEST_F(Reader, UnknownElementsAndClientsGetNothing)
+TEST(Reader, UnknownElementsAndClientsGetNothing)
 {
     expectCallsAllSplits("<output cl=\"1\"><text>Hel<b>bold <i>it</i><ready cl=\"2\"/></b>lo</text></output>"
                          "<foo><ready cl=\"1\"/></foo><Ready cl=\"1\"/><readyx cl=\"1\"/><rea cl=\"1\"/>"
@@ -122,7 +116,7 @@ TEST_F(Reader, UnknownElementsAndClientsGetNothing)
     EXPECT_EQ(gCalls, std::vector<std::string>{"#2 output 0 '' '' ''"});
 }
 
-TEST_F(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
+TEST(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
 {
     Session s;
     EXPECT_TRUE(s.feed("<ready cl=\"2\"/><quit/><quit cl=\"1\"/><quit cl=\"55\" foo=\"1\"></quit>"));
@@ -131,7 +125,7 @@ TEST_F(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
     EXPECT_EQ(gCalls, (std::vector<std::string>{"#2 ready", "onQuit", "onQuit", "onQuit"}));
 }
 
-TEST_F(Reader, ListsOfUnequalLengthAreNotDelivered)
+TEST(Reader, ListsOfUnequalLengthAreNotDelivered)
 {
     Session s;
     EXPECT_TRUE(s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\"/><dispvar name=\"x\"/></breakpoints>"
@@ -143,7 +137,7 @@ TEST_F(Reader, ListsOfUnequalLengthAreNotDelivered)
     EXPECT_EQ(gCalls, (std::vector<std::string>{"#1 display 2 ['x','y'] ['1','2']"}));
 }
 
-TEST_F(Reader, FormatNamesAreInternedForTheHandlersLife)
+TEST(Reader, FormatNamesAreInternedForTheHandlersLife)
 {
     static std::vector<const char*> seen;
     Session s;
@@ -158,7 +152,7 @@ TEST_F(Reader, FormatNamesAreInternedForTheHandlersLife)
 }
 
 // What a client with only the default handlers sends back.
-TEST_F(Reader, DefaultHandlersAnswerTheKernel)
+TEST(Reader, DefaultHandlersAnswerTheKernel)
 {
     const char* const rows[][2] = {
         {"<sendinit cl=\"1\"/>", "<init cl=\"1\"></init>"},
@@ -184,7 +178,7 @@ TEST_F(Reader, DefaultHandlersAnswerTheKernel)
 
 // ---- payloads ------------------------------------------------------------------
 
-TEST_F(Reader, PayloadSplitAtEveryPosition)
+TEST(Reader, PayloadSplitAtEveryPosition)
 {
     const std::string msg = callback(kAbc64);
     for (std::size_t cut = 1; cut < msg.size(); ++cut) {
@@ -198,7 +192,7 @@ TEST_F(Reader, PayloadSplitAtEveryPosition)
                          {kAbcCall, kAbcCall, kAbcCall});
 }
 
-TEST_F(Reader, CorruptPayloadsDeliverWhatInflatedAndTheNextIsWhole)
+TEST(Reader, CorruptPayloadsDeliverWhatInflatedAndTheNextIsWhole)
 {
     // A wrong check sum: the data are all there, the stream is corrupt.
     expectCallsAllSplits(callback(base64OfDeflated(std::string(2000, 'q'), Z_NO_COMPRESSION, 0, true)) + callback(kAbc64) + callback("AAAAAAAAAAAA") + callback(kAbc64) +
@@ -208,7 +202,7 @@ TEST_F(Reader, CorruptPayloadsDeliverWhatInflatedAndTheNextIsWhole)
                           "#1 callback 2 'f' 1504", kAbcCall});
 }
 
-TEST_F(Reader, LargePayloads)
+TEST(Reader, LargePayloads)
 {
     const std::string zeros(100000, '\0'), zb64 = base64OfDeflated(zeros);
     ASSERT_LT(zb64.size(), 200u) << "inflates from one small chunk";
@@ -227,7 +221,7 @@ TEST_F(Reader, LargePayloads)
 
 // A throw at a start or an end tag drops that message's state; the rest of
 // the chunk and later chunks are read as usual.
-TEST_F(Reader, ThrowingHandlersThenNormalMessages)
+TEST(Reader, ThrowingHandlersThenNormalMessages)
 {
     for (Split how : {Split::Whole, Split::Random, Split::Bytes}) {
         Session s;
@@ -254,7 +248,7 @@ TEST_F(Reader, ThrowingHandlersThenNormalMessages)
     }
 }
 
-TEST_F(Reader, MalformedInputCleansUpAndFailsEveryLaterChunk)
+TEST(Reader, MalformedInputCleansUpAndFailsEveryLaterChunk)
 {
     for (const char* bad : {"<?xml version=\"1.0\"?>", "</TamixXMsgClientMessage><ready cl=\"1\"/>",
                             "<output cl=\"1\"></text>", "<ready cl=\"1\" cl=\"2\"/>", "<ready cl=1/>",
