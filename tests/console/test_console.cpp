@@ -42,12 +42,12 @@ struct RunResult {
 RunResult runProgram(const std::string& program, const std::string& dir, const std::string& input,
                      const std::string& io) {
     std::ofstream(io + "/in", std::ios::binary) << input;
-    std::string cmd = "cd '" + dir + "' && exec timeout -s KILL 60 '" + program + "' <'" + io + "/in' >'" + io +
-                      "/out' 2>'" + io + "/err'";
-    int st = system(cmd.c_str());
+    int st = system(("cd '" + dir + "' && exec timeout -s KILL 60 '" + program + "' <'" + io + "/in' >'" + io +
+                     "/out' 2>'" + io + "/err'").c_str());
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(io + "/out"), readFile(io + "/err")};
 }
 
+// The console with the stand-in kernel as its ./tamkern.
 RunResult runConsole(const Scenario& s, const std::string& input) {
     EXPECT_EQ(symlink(TAMIX_SCRIPTED_KERNEL, (s.dir + "/tamkern").c_str()), 0);
     return runProgram(TAMIX_CONSOLE, s.dir, input, s.dir);
@@ -75,10 +75,16 @@ TEST(Console, SessionEndedByQuit) {
                                 cmd(c.substr(1023)) + cmd("") + cmd(" quit") + cmd("quit ") + cmd("quit") + kQuit);
 }
 
-TEST(Console, EndOfInputAndTheKernelsQuit) {
+TEST(Console, NoKernelEndOfInputAndTheKernelsQuit) {
+    Scenario none("");  // no ./tamkern to start
+    RunResult r = runProgram(TAMIX_CONSOLE, none.dir, "quit\n", none.dir);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "can not create kernel object\n");
+    EXPECT_EQ(r.out, "");
+
     // At the end of input the session ends as if "quit" had been typed.
     Scenario eof(script("wait_for " + kQuit + "\ndrain\n"));
-    RunResult r = runConsole(eof, "");
+    r = runConsole(eof, "");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, kGreeting + ">> ");
@@ -90,14 +96,6 @@ TEST(Console, EndOfInputAndTheKernelsQuit) {
     EXPECT_EQ(r.err, "Tamix: The kernel quits.\n");
     EXPECT_EQ(r.out, kGreeting + ">> ");
     EXPECT_EQ(quits.received(), kOpening + cmd("1+1") + kQuit);
-}
-
-TEST(Console, NoKernelToStart) {
-    Scenario dir("");
-    RunResult r = runProgram(TAMIX_CONSOLE, dir.dir, "quit\n", dir.dir);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "can not create kernel object\n");
-    EXPECT_EQ(r.out, "");
 }
 
 TEST(ConsoleRealKernel, DifferentiatesWithGiac) {

@@ -43,10 +43,7 @@ struct Scenario {
         setenv("TAMIX_SCRIPT", (dir + "/script").c_str(), 1);
         setenv("TAMIX_RECORD", (dir + "/rec").c_str(), 1);
     }
-    ~Scenario() {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir, ignored);
-    }
+    ~Scenario() { std::filesystem::remove_all(dir); }
     // What the kernel received, on all its connections.
     std::string received() const { return readFile(dir + "/rec"); }
     std::string args() const { return readFile(dir + "/rec.args"); }
@@ -72,13 +69,12 @@ inline TAM_KernelImpl* launch(const char* name = nullptr) {
     return withoutSocketFile(TAM_new_uds_kernel(TAMIX_SCRIPTED_KERNEL, name));
 }
 
-inline Strings names() {
-    Strings out;
+// The names of the registered kernel processes, separated by blanks.
+inline std::string names() {
+    std::string out;
     char** n = TAM_get_uds_kernel_names();
-    for (char** p = n; p && *p; ++p) {
-        out.push_back(*p);
-        TAM_free(*p);
-    }
+    for (char** p = n; p && *p; TAM_free(*p++))
+        out += (out.empty() ? "" : " ") + std::string(*p);
     TAM_free(n);
     return out;
 }
