@@ -58,7 +58,7 @@ RunResult runConsole(const Scenario& s, const std::string& input) {
 TEST(Console, SessionEndedByQuit) {
     const std::string a(1022, 'a'), b(1023, 'b'), c(1500, 'c');
     std::string steps = answer("42") + answer("two\\nlines\\n");
-    for (int i = 0; i < 7; ++i)
+    for (int i = 0; i < 8; ++i)
         steps += kFinished;
     // Output after "quit" is never read.
     Scenario s(script(steps + "wait_for </cmd>\nsend <output cl=\"1\" cid=\"0\" type=\"result\">"
@@ -66,13 +66,14 @@ TEST(Console, SessionEndedByQuit) {
     // 1022 characters fit with their newline; 1023 fill the buffer and the
     // newline comes as an empty command; longer lines go in 1023-character
     // pieces. Only the exact word "quit" ends the session.
-    RunResult r = runConsole(s, "6*7\n" + a + "\n" + b + "\n" + c + "\n\n quit\nquit \nquit\nnever read\n");
+    RunResult r = runConsole(s, "6*7\n" + a + "\n" + b + "\n" + c + "\n\n quit\nquit \nQUIT\nquit\nnever read\n");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
     // Every text gets exactly one newline.
-    EXPECT_EQ(r.out, kGreeting + ">> 42\n>> two\nlines\n\n>> >> >> >> >> >> >> >> ");
+    EXPECT_EQ(r.out, kGreeting + ">> 42\n>> two\nlines\n\n>> >> >> >> >> >> >> >> >> ");
     EXPECT_EQ(s.received(), kOpening + cmd("6*7") + cmd(a) + cmd(b) + cmd("") + cmd(c.substr(0, 1023)) +
-                                cmd(c.substr(1023)) + cmd("") + cmd(" quit") + cmd("quit ") + cmd("quit") + kQuit);
+                                cmd(c.substr(1023)) + cmd("") + cmd(" quit") + cmd("quit ") +
+                                cmd("QUIT") + cmd("quit") + kQuit);
 }
 
 TEST(Console, NoKernelEndOfInputAndTheKernelsQuit) {

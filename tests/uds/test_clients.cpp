@@ -31,7 +31,8 @@ TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
                "wait_for <cmd cl=\"9\"\ndrain\nexit 0\n");
     ASSERT_TRUE(launchClients(3));
     EXPECT_EQ(names(), "k");
-    // Waiting for its id: a second announcement is refused and sends nothing.
+    // Waiting for its id (and later, bound) a client cannot announce itself
+    // again: the request is refused and sends nothing.
     EXPECT_EQ(TAM_send_new_client(clients[1], "again", nullptr, 0), 0);
     // A waiting client that goes away sends nothing and leaves the queue.
     TAM_delete_kernel(clients[0]);
