@@ -26,15 +26,6 @@ namespace tamkern {
 
 namespace {
 
-std::string trim(const std::string& s)
-{
-    std::size_t b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string::npos)
-        return std::string();
-    std::size_t e = s.find_last_not_of(" \t\r\n");
-    return s.substr(b, e - b + 1);
-}
-
 // Thrown by the kernel's own Giac functions; carries the text that the
 // command's error output shows, whatever Giac makes of the exception.
 struct Failure : std::runtime_error {
@@ -101,11 +92,11 @@ bool isChatter(const std::string& line)
 // ":1: syntax error  line 1 col 3 at * in " -> "syntax error line 1 col 3 at *"
 std::string syntaxMessage(const std::string& log)
 {
-    std::string s = trim(log);
+    std::string s = trimmed(log);
     if (!s.empty() && s[0] == ':') {
         std::size_t c = s.find(':', 1);
         if (c != std::string::npos)
-            s = trim(s.substr(c + 1));
+            s = trimmed(s.substr(c + 1));
     }
     std::string out;
     for (char ch : s) {
@@ -127,7 +118,7 @@ std::string oneLine(const std::string& text)
     std::istringstream lines(text);
     std::string l;
     while (std::getline(lines, l)) {
-        l = trim(l);
+        l = trimmed(l);
         if (l.empty())
             continue;
         if (!out.empty())
@@ -243,13 +234,13 @@ struct Engine::Impl {
     Outcome evaluate(const std::string& text, bool silent)
     {
         Outcome out;
-        if (trim(text).empty()) {
+        if (trimmed(text).empty()) {
             out.ok = out.nothing = true;  // an empty line asks for nothing
             return out;
         }
         std::string left = flushCapture();
         if (!left.empty())
-            klog("output between commands: %.200s", trim(left).c_str());
+            klog("output between commands: %.200s", trimmed(left).c_str());
 
         std::string parseLog;
         logBuf.setSink([&parseLog](const std::string& l) { parseLog += l + '\n'; });
@@ -264,7 +255,7 @@ struct Engine::Impl {
         }
         logBuf.flushLine();
         if (!parsed || giac::first_error_line(ctx) > 0) {
-            std::string captured = trim(flushCapture());
+            std::string captured = trimmed(flushCapture());
             if (!captured.empty() && !silent)
                 output("error", captured);
             out.error = syntaxMessage(parseLog);
@@ -274,8 +265,8 @@ struct Engine::Impl {
             std::istringstream lines(parseLog);
             std::string l;
             while (std::getline(lines, l))
-                if (!trim(l).empty() && !isChatter(l))
-                    output("warning", trim(l));
+                if (!trimmed(l).empty() && !isChatter(l))
+                    output("warning", trimmed(l));
         }
 
         // help(name) and ?name go to the front end's help handler.
@@ -301,7 +292,7 @@ struct Engine::Impl {
         }
         logBuf.flushLine();
         logBuf.setSink(nullptr);
-        std::string captured = trim(flushCapture());
+        std::string captured = trimmed(flushCapture());
 
         if (interruptRequested()) {
             // Giac's own remarks about the interruption add nothing.
@@ -317,7 +308,7 @@ struct Engine::Impl {
         }
         if (out.value.type == giac::_STRNG && out.value.subtype == -1) {
             out.ok = false;
-            out.error = trim(*out.value._STRNGptr);
+            out.error = trimmed(*out.value._STRNGptr);
             return out;
         }
         out.nothing = out.value.type == giac::_VECT && out.value.subtype == giac::_SEQ__VECT &&
@@ -332,10 +323,10 @@ struct Engine::Impl {
             for (const giac::gen& row : *r._VECTptr) {
                 if (!s.empty())
                     s += '\n';
-                s += trim(row.print(ctx));
+                s += trimmed(row.print(ctx));
             }
         } else {
-            s = trim(r.print(ctx));
+            s = trimmed(r.print(ctx));
         }
         if (style.abbreviate)
             s = abbreviate(s);
@@ -346,13 +337,13 @@ struct Engine::Impl {
     {
         const ResultStyle& style = job->style;
         if (style.format == "tex") {
-            post(msgOutputText(job->client, job->cid, "result", "tex", trim(giac::gen2tex(r, ctx))));
+            post(msgOutputText(job->client, job->cid, "result", "tex", trimmed(giac::gen2tex(r, ctx))));
         } else if (style.format == "mathml") {
             std::string m = "<math xmlns=\"http://www.w3.org/1998/Math/MathML\">" +
                             giac::gen2mathml(r, ctx) + "</math>";
             post(msgOutputText(job->client, job->cid, "result", "mathml", m));
         } else if (style.format == "utf8") {
-            post(msgOutputData(job->client, job->cid, "result", "utf8", trim(r.print(ctx))));
+            post(msgOutputData(job->client, job->cid, "result", "utf8", trimmed(r.print(ctx))));
         } else {
             post(msgOutputText(job->client, job->cid, "result", "text", resultText(r, style)));
         }
@@ -388,7 +379,7 @@ struct Engine::Impl {
         int lineNo = 0;
         while (std::getline(in, line)) {
             ++lineNo;
-            std::string t = trim(line);
+            std::string t = trimmed(line);
             if (t.empty() || t[0] == '#' || t.rfind("//", 0) == 0)
                 continue;
             Outcome o = evaluate(t, true);
@@ -488,7 +479,7 @@ giac::gen tamSystem(const giac::gen& args, const giac::context* ctx)
 giac::gen tamCallback(const giac::gen& args, const giac::context* ctx)
 {
     Answer a = gImpl->ask(Question::Callback,
-                          msgCallback(gImpl->job->client, gImpl->job->cid, "utf8", trim(args.print(ctx))));
+                          msgCallback(gImpl->job->client, gImpl->job->cid, "utf8", trimmed(args.print(ctx))));
     if (a.canceled)
         throw Failure("callback failed");
     return gImpl->parseAnswer(a.text, "callback result");

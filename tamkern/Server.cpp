@@ -15,6 +15,7 @@
 
 #include "tamkern/Capture.h"
 #include "tamkern/Messages.h"
+#include "tamkern/TextLayout.h"
 
 namespace tamkern {
 
@@ -49,15 +50,6 @@ bool isFormat(const std::string& f)
         if (f == k)
             return true;
     return false;
-}
-
-std::string trimmed(const std::string& s)
-{
-    std::size_t b = s.find_first_not_of(" \t\r\n");
-    if (b == std::string::npos)
-        return std::string();
-    std::size_t e = s.find_last_not_of(" \t\r\n");
-    return s.substr(b, e - b + 1);
 }
 
 // The command that ends the kernel, also written as "quit;" or "quit()".

@@ -98,4 +98,13 @@ std::string abbreviate(std::string_view text)
     return out;
 }
 
+std::string trimmed(std::string_view text)
+{
+    std::size_t b = text.find_first_not_of(" \t\r\n");
+    if (b == std::string_view::npos)
+        return std::string();
+    std::size_t e = text.find_last_not_of(" \t\r\n");
+    return std::string(text.substr(b, e - b + 1));
+}
+
 } // namespace tamkern

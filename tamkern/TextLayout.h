@@ -23,6 +23,9 @@ constexpr std::size_t AbbreviateHead = 400;
 constexpr std::size_t AbbreviateTail = 100;
 std::string abbreviate(std::string_view text);
 
+// text without leading and trailing blanks, tabs and line ends.
+std::string trimmed(std::string_view text);
+
 // Number of characters (code points) in UTF-8 text.
 std::size_t charCount(std::string_view text);
 
