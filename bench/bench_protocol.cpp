@@ -30,12 +30,16 @@ void* operator new(std::size_t n) {
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
+// Limits leave about 50% headroom over what this machine measured. Writing a
+// command converts its text through QtCore, hence the distance to snprintf;
+// the mcode writer beats one-shot zlib because it resets one deflate state
+// instead of creating one per payload.
 const std::vector<RatioBudget>& ratioBudgets() {
     static const std::vector<RatioBudget> b = {
-        {"BM_ReadOutputMessages", "BM_Baseline_ExpatOnly", 4.0},
-        {"BM_WriteCmd", "BM_Baseline_Snprintf", 12.0},
-        {"BM_WriteMCode64K", "BM_Baseline_Compress64K", 1.5},
-        {"BM_ReadMCode64K", "BM_Baseline_Uncompress64K", 2.0},
+        {"BM_ReadOutputMessages", "BM_Baseline_ExpatOnly", 2.5},
+        {"BM_WriteCmd", "BM_Baseline_Snprintf", 5.0},
+        {"BM_WriteMCode64K", "BM_Baseline_Compress64K", 1.3},
+        {"BM_ReadMCode64K", "BM_Baseline_Uncompress64K", 1.5},
     };
     return b;
 }
