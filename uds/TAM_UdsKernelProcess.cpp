@@ -420,6 +420,11 @@ void TAM_UdsKernelProcess::onQuit()
 {
     if (doomed_)
         return;  // nobody holds it any more; its socket is already closed
+    // A second quit in the same read: the clients have been told and the
+    // socket is closed. Another reference here would never be given back,
+    // so the process would outlive its last client.
+    if (quitting_)
+        return;
     addRef();  // given back by the input loop when it drops this process
     quitting_ = true;
 

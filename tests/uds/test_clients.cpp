@@ -60,8 +60,9 @@ TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
 TEST_F(UdsClients, KernelQuitReachesEveryClient) {
     Scenario s("listen\naccept\nwait_for <newclient\nwait_for <newclient\nwait_for <newclient\n"
                "send <ready cl=\"5\"/><ready cl=\"2\"/>\nwait_for <stop\n"
-               "send <quit/><ready cl=\"5\"/>\ndrain\nexit 0\n");
+               "send <quit/><ready cl=\"5\"/><quit/>\ndrain\nexit 0\n");
     ASSERT_TRUE(launchClients(3));
+    const std::string listenPath = TAM_get_listen_path(clients[0]);
     ASSERT_TRUE(pumpUntil([] { return events.size() >= 2; }));
     EXPECT_EQ(TAM_get_client_id(clients[0]), 5);
     EXPECT_EQ(TAM_get_client_id(clients[1]), 2);
@@ -76,7 +77,7 @@ TEST_F(UdsClients, KernelQuitReachesEveryClient) {
     EXPECT_TRUE(events.empty());
     TAM_read_uds_input(fd);
     // Bound clients in order of their ids, then the waiting one, each once;
-    // the message after the quit reaches nobody.
+    // the messages after the quit (a second quit too) reach nobody.
     EXPECT_EQ(events, (Strings{"quit:1", "quit:0", "quit:2"}));
     EXPECT_EQ(TAM_get_client_fd(clients[2]), -1);
     // Dropped from the registry in the same call; the clients keep the
@@ -92,6 +93,8 @@ TEST_F(UdsClients, KernelQuitReachesEveryClient) {
         TAM_delete_kernel(k);
     EXPECT_FALSE(alive(pid));
     EXPECT_EQ(s.received().find("<quit"), std::string::npos);
+    // The last client took the process with it: its kernel's socket file is gone.
+    EXPECT_NE(access(listenPath.c_str(), F_OK), 0) << listenPath;
 }
 
 TEST_F(UdsClients, QuitHandlerMayDeleteEveryClient) {
