@@ -466,6 +466,9 @@ void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Att
         return;
     }
     case ElMcode:
+        // The payload is this element's bytes alone: a text child before it
+        // must not lengthen the record with its own bytes.
+        emptyContent();
         hasData_ = true;
         format_.assign(raw(v[AtFormat]));
         inMCode_ = true;

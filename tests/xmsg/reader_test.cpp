@@ -72,7 +72,7 @@ TEST(Reader, MessagesDeliveredAtTheirEndTag)
         "<callback cl=\"1\" cid=\"5\"><mcode format=\"abc\">eJxLTEoGAAJNASc=</mcode></callback><callback cl=\"2\"/>"
         "<callback cl=\"2\"><mcode format=\"e\">eJwDAAAAAAE=</mcode></callback>"
         "<output cl=\"2\" type=\"t\"><mcode></mcode></output>"
-        "<output cl=\"1\" type=\"y\"><text format=\"t\">xy</text><mcode format=\"m\">eJxLTEoGAAJNASc=</mcode>"
+        "<output cl=\"1\" type=\"y\"><text format=\"t\">longer</text><mcode format=\"m\">eJxLTEoGAAJNASc=</mcode>"
         "</output><output cl=\"1\" type=\"z\"><mcode>eJxLTEoGAAJNASc=</mcode><text format=\"t\">xy</text></output>"
         "<format cl=\"1\" type=\"real\"><fmt name=\"f1\"/><fmt name=\"f2\"/></format>"
         "<format cl=\"1\" type=\"none\"/><format cl=\"2\"><fmt/></format>"
