@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -443,16 +444,28 @@ void TAM_UdsKernelProcess::onQuit()
         // is still closed below.
         clients.clear();
     }
+    // A handler that throws must not keep the others from being told or
+    // leave the socket open (and watched) behind a dropped process: its
+    // exception goes on to the parser once all of this is done.
+    std::exception_ptr failure;
     for (TAM_UdsKernel* k : clients) {
         // A handler may have deleted a client that comes later in the copy;
         // the pointer is only compared until it is found registered.
         bool present = is_pending(k);
         for (auto it = kernels_.begin(); !present && it != kernels_.end(); ++it)
             present = it->second == k;
-        if (present && k->on_quit)
-            k->on_quit(k);
+        if (present && k->on_quit) {
+            try {
+                k->on_quit(k);
+            } catch (...) {
+                if (!failure)
+                    failure = std::current_exception();
+            }
+        }
     }
     close_socket();
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 // ---- Registry queries -------------------------------------------------------------

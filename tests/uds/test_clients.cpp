@@ -1,6 +1,8 @@
 // Several clients on one kernel process: client ids, deletion, quit.
 #include <poll.h>
 
+#include <stdexcept>
+
 #include "uds/ScriptedKernel.h"
 
 using namespace tamixtest;
@@ -63,6 +65,12 @@ TEST_F(UdsClients, KernelQuitReachesEveryClient) {
                "send <quit/><ready cl=\"5\"/><quit/>\ndrain\nexit 0\n");
     ASSERT_TRUE(launchClients(3));
     const std::string listenPath = TAM_get_listen_path(clients[0]);
+    // A handler that throws keeps neither the other clients from being told
+    // nor the socket from being closed.
+    TAM_set_on_quit_handler(clients[1], [](TAM_KernelImpl* k) {
+        events.push_back("quit:" + who(k));
+        throw std::runtime_error("front-end failure");
+    });
     ASSERT_TRUE(pumpUntil([] { return events.size() >= 2; }));
     EXPECT_EQ(TAM_get_client_id(clients[0]), 5);
     EXPECT_EQ(TAM_get_client_id(clients[1]), 2);
