@@ -317,6 +317,10 @@ long TKfileStream::status(long code)
 
 long TKfileStream::discard(unsigned long n)
 {
+    // fseek takes a signed offset: a step back beyond its range cannot be
+    // negated into one, and a cast would turn it into a step forward.
+    if (n > static_cast<unsigned long>(LONG_MAX))
+        return status(EINVAL);
     errno = 0;
     return status(std::fseek(file_, -static_cast<long>(n), SEEK_CUR) == 0 ? Ok : sysError());
 }

@@ -180,6 +180,9 @@ TEST(FileStream, RewindGoesToTheStartingPositionAndFailuresGiveErrno)
     EXPECT_EQ(Ok, s.rewind());
     EXPECT_EQ("hello", take(s, 5));
     EXPECT_EQ(Ok, s.discard(2));
+    // Steps back too large for fseek fail and leave the position alone.
+    for (unsigned long n : {ULONG_MAX, 1UL << 63})
+        EXPECT_EQ(EINVAL, s.discard(n)) << n;
     EXPECT_EQ("lo world", take(s, 50));
     EXPECT_TRUE(s.eom());
     EXPECT_EQ(Ok, s.rewind());
