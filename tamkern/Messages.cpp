@@ -10,7 +10,8 @@ namespace tamkern {
 namespace {
 
 // Length of the valid UTF-8 sequence at s[i], or 0 if there is none
-// (overlong forms, surrogates and code points above U+10FFFF are invalid).
+// (overlong forms, surrogates and code points above U+10FFFF are invalid, and
+// so are U+FFFE and U+FFFF, which XML 1.0 does not allow as characters).
 std::size_t utf8Length(std::string_view s, std::size_t i)
 {
     unsigned char c = static_cast<unsigned char>(s[i]);
@@ -39,7 +40,7 @@ std::size_t utf8Length(std::string_view s, std::size_t i)
         cp = (cp << 6) | (d & 0x3F);
     }
     if ((need == 2 && cp < 0x800) || (need == 3 && cp < 0x10000) || cp > 0x10FFFF ||
-        (cp >= 0xD800 && cp <= 0xDFFF))
+        (cp >= 0xD800 && cp <= 0xDFFF) || cp == 0xFFFE || cp == 0xFFFF)
         return 0;
     return need + 1;
 }

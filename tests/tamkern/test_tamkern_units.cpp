@@ -22,6 +22,7 @@ TEST(TamkernUnits, EscapingKeepsTheStreamWellFormed)
         {"\xc3", "\xef\xbf\xbd"},                                              // cut short at the end
         {"\xc0\xaf", "\xef\xbf\xbd\xef\xbf\xbd"},                              // overlong
         {"\xed\xa0\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},              // surrogate
+        {"\xef\xbf\xbf\xef\xbf\xbc", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbc"},  // U+FFFF: no XML character
     };
     for (const auto& t : cases)
         EXPECT_EQ(escaped(t.in), t.out) << t.in;
