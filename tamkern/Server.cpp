@@ -463,9 +463,11 @@ void Server::onRequest(int connId, Request& req)
         c.clients.push_back(id);
         c.everHadClient = true;
         everHadClient_ = true;
-        // The first message for a new id is what tells the client its id.
+        // The first message for a new id is what tells the client its id. A
+        // failed write removes the client, so nothing of it is used after.
+        bool typeset = cl.features.count("can_typeset") != 0;
         enqueue(c, msgEmpty("sendinit", id));
-        if (cl.features.count("can_typeset"))
+        if (typeset)
             enqueue(c, msgFormats("selformat", id, "result",
                                   std::vector<std::string>(std::begin(kFormats), std::end(kFormats))));
         return;

@@ -606,6 +606,16 @@ TEST_F(Tamkern, ClientThatDisconnectsMidCommandOrMidRequest)
     ::shutdown(half, SHUT_RDWR);
     EXPECT_TRUE(logShows("connection closed in the middle of a request")) << log();
     EXPECT_EQ(result(c, "3+3"), "6");
+
+    // Deaf from the start: the kernel's very first answer fails while it is
+    // still taking in the (typesetting) client.
+    int deaf = rawConnect();
+    ::shutdown(deaf, SHUT_RD);
+    std::string typeset(kNewClient);
+    rawSend(deaf, typeset.replace(typeset.find("features=\"\""), 11, "features=\"can_typeset \""));
+    pollfd p{deaf, 0, 0};  // hung up once the kernel has closed its end
+    EXPECT_EQ(::poll(&p, 1, 5000), 1);
+    EXPECT_EQ(result(c, "4+4"), "8");
 }
 
 TEST_F(Tamkern, ClientThatStopsReadingDelaysNobody)
