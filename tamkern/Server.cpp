@@ -73,6 +73,8 @@ Server::~Server()
             ::close(kv.second.fd);
     if (listenFd_ >= 0)
         ::close(listenFd_);
+    if (spareFd_ >= 0)
+        ::close(spareFd_);
 }
 
 void Server::terminate()
@@ -132,6 +134,7 @@ bool Server::listen()
     }
     setNonBlocking(fd);
     listenFd_ = fd;
+    spareFd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     return true;
 }
 
@@ -160,7 +163,7 @@ int Server::run()
         fds.clear();
         ids.clear();
         fds.push_back(pollfd{gWakeRead, POLLIN, 0});
-        fds.push_back(pollfd{listenFd_, POLLIN, 0});
+        fds.push_back(pollfd{acceptPaused_ ? -1 : listenFd_, POLLIN, 0});
         for (auto& kv : conns_) {
             short ev = POLLIN;
             if (kv.second.sent < kv.second.out.size())
@@ -168,7 +171,8 @@ int Server::run()
             fds.push_back(pollfd{kv.second.fd, ev, 0});
             ids.push_back(kv.first);
         }
-        int r = ::poll(fds.data(), fds.size(), -1);
+        int r = ::poll(fds.data(), fds.size(), acceptPaused_ ? 200 : -1);
+        acceptPaused_ = false;
         if (r < 0) {
             if (errno == EINTR)
                 continue;
@@ -240,10 +244,26 @@ void Server::acceptAll()
     for (;;) {
         int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED)
-                klog("accept: %s", std::strerror(errno));
-            if (errno == EINTR || errno == ECONNABORTED)
+            int err = errno;
+            if (err == EINTR || err == ECONNABORTED)
                 continue;
+            if (err == EMFILE || err == ENFILE) {
+                klog("refused a connection: %s", std::strerror(err));
+                if (spareFd_ < 0)
+                    spareFd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+                if (spareFd_ >= 0) {
+                    ::close(spareFd_);
+                    int refused = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+                    if (refused >= 0)
+                        ::close(refused);
+                    spareFd_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+                    if (refused >= 0)
+                        continue;
+                }
+                acceptPaused_ = true;
+            } else if (err != EAGAIN && err != EWOULDBLOCK) {
+                klog("accept: %s", std::strerror(err));
+            }
             return;
         }
         ucred cred{};

@@ -95,6 +95,11 @@ private:
     OutputCapture* capture_;
     Engine engine_;
     int listenFd_ = -1;
+    // Held open so that a connection can still be taken and refused when the
+    // descriptors run out; otherwise it would wait on the listening socket
+    // and keep every poll() returning at once.
+    int spareFd_ = -1;
+    bool acceptPaused_ = false;  // out of descriptors and no spare either
     std::map<int, Connection> conns_;
     std::map<long, Client> clients_;
     std::deque<Pending> queue_;

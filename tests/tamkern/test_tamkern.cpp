@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -167,11 +168,15 @@ protected:
         pid_ = cred.pid;
         return k;
     }
-    // tamkern --listen PATH as a child of the test; true once it listens.
-    bool standalone()
+    // tamkern --listen PATH as a child of the test, with at most files
+    // descriptors if given; true once it listens.
+    bool standalone(rlim_t files = 0)
     {
         path_ = dir_ + "/k.sock";
         if ((pid_ = ::fork()) == 0) {
+            rlimit lim{files, files};
+            if (files && ::setrlimit(RLIMIT_NOFILE, &lim) != 0)
+                ::_exit(126);
             int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(log, 1);
             ::dup2(log, 2);
@@ -694,6 +699,25 @@ TEST_F(Tamkern, QuitCommandTellsEveryConnection)
     EXPECT_EQ(b.fresh(), Events{"quit"});
     EXPECT_EQ(TAM_get_client_fd(a.k), -1);
     EXPECT_EQ(waitExit(10000), 0);
+}
+
+TEST_F(Tamkern, OutOfDescriptorsRefusesNewcomersWithoutSpinning)
+{
+    ASSERT_TRUE(standalone(24));
+    Client& a = join("a");
+    std::vector<int> fds;
+    for (int i = 0; i < 20; ++i)
+        fds.push_back(rawConnect());
+    // Past the limit a connection is refused at once, not left waiting.
+    EXPECT_EQ(rawRead(fds.back(), ""), "<closed>");
+    EXPECT_EQ(result(a, "6*7"), "42");
+    usleep(300000);
+    std::string l = log();
+    EXPECT_LE(std::count(l.begin(), l.end(), '\n'), 20) << "one line per refusal: " << l.substr(0, 300);
+    EXPECT_NE(l.find("refused a connection: Too many open files"), std::string::npos) << l;
+    for (int fd : fds)
+        ::shutdown(fd, SHUT_RDWR);
+    EXPECT_EQ(result(join("b"), "2+3"), "5");
 }
 
 TEST_F(Tamkern, StandaloneOutlivesItsClientsUntilSigterm)
