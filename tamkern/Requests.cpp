@@ -78,6 +78,7 @@ bool RequestReader::feed(const char* data, int len)
 {
     if (!fault_.empty())
         return false;
+    quiet_ += static_cast<std::size_t>(len);
     if (!parser_->parse(data, len, false)) {
         if (fault_.empty()) {
             char buf[160];
@@ -87,6 +88,8 @@ bool RequestReader::feed(const char* data, int len)
         }
         return false;
     }
+    if (quiet_ > MaxMarkup && fault_.empty())
+        fault_ = "a piece of markup larger than the limit";
     return fault_.empty();
 }
 
@@ -113,6 +116,7 @@ bool RequestReader::attributeName(const char*, const char* name, int&, int& id)
 void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
     collect_ = nullptr;
+    quiet_ = 0;
     ++depth_;
     if (!fault_.empty())
         return;
@@ -195,6 +199,7 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
 void RequestReader::endElement(int, int)
 {
     collect_ = nullptr;
+    quiet_ = 0;
     --depth_;
     if (depth_ == 1 && inRequest_) {
         inRequest_ = false;
@@ -206,6 +211,7 @@ void RequestReader::endElement(int, int)
 
 void RequestReader::characterData(const char* data, int len)
 {
+    quiet_ = 0;
     if (!collect_ || !fault_.empty())
         return;
     if (collect_->size() + static_cast<std::size_t>(len) > MaxText) {

@@ -53,6 +53,10 @@ public:
 
     // Text (command, answer or payload) kept per request at most.
     static const std::size_t MaxText = 16u << 20;
+    // Bytes a single piece of markup (a tag with its attributes, a comment,
+    // a skipped element) may span: expat holds such a piece whole and scans
+    // it again with every chunk, so memory and time would grow without end.
+    static const std::size_t MaxMarkup = 4u << 20;
 
 private:
     void startElement(int nsId, int id, const std::vector<Xml::Attribute>& attrs) override;
@@ -65,6 +69,7 @@ private:
     std::unique_ptr<Xml::Parser> parser_;
     std::string fault_;
     int depth_ = 0;         // open known elements, the injected root included
+    std::size_t quiet_ = 0;  // bytes fed since the last event
     bool inRequest_ = false;
     Request req_;
     std::string* collect_ = nullptr;  // where character data goes now

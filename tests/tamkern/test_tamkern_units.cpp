@@ -64,15 +64,18 @@ TEST(TamkernUnits, RequestStreamSplitAnywhereGivesTheSameRequests)
 
 TEST(TamkernUnits, OversizedRequestFailsTheReader)
 {
-    RequestReader r([](Request&) {});
-    std::string head = "<cmd cl=\"1\"><text>", chunk(1 << 20, 'x');
-    ASSERT_TRUE(r.feed(head.data(), static_cast<int>(head.size())));
-    bool fed = true;
-    for (int i = 0; i < 20 && fed; ++i)
-        fed = r.feed(chunk.data(), static_cast<int>(chunk.size()));
-    EXPECT_FALSE(fed);
-    EXPECT_NE(r.fault().find("larger than the limit"), std::string::npos) << r.fault();
-    EXPECT_TRUE(r.midRequest());
+    // A text, and an attribute that never ends (held whole by the parser).
+    for (std::string head : {"<cmd cl=\"1\"><text>", "<complete cl=\"1\" value=\""}) {
+        RequestReader r([](Request&) {});
+        std::string chunk(1 << 20, 'x');
+        ASSERT_TRUE(r.feed(head.data(), static_cast<int>(head.size())));
+        bool fed = true;
+        for (int i = 0; i < 20 && fed; ++i)
+            fed = r.feed(chunk.data(), static_cast<int>(chunk.size()));
+        EXPECT_FALSE(fed) << head;
+        EXPECT_NE(r.fault().find("larger than the limit"), std::string::npos) << r.fault();
+        EXPECT_EQ(r.midRequest(), head.back() == '>');
+    }
 }
 
 TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
