@@ -335,6 +335,7 @@ void Server::writeTo(Connection& c)
     if (c.sent == c.out.size()) {
         c.out.clear();
         c.sent = 0;
+        c.largest = 0;
     } else if (c.sent > (1u << 20)) {
         c.out.erase(0, c.sent);
         c.sent = 0;
@@ -345,7 +346,8 @@ void Server::enqueue(Connection& c, std::string bytes)
 {
     if (c.dead)
         return;
-    if (c.out.size() - c.sent + bytes.size() > MaxQueued) {
+    c.largest = std::max(c.largest, bytes.size());
+    if (c.out.size() - c.sent + bytes.size() > MaxQueued + c.largest) {
         closeConnection(c.id, "client does not read its messages");
         return;
     }

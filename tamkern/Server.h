@@ -41,7 +41,8 @@ public:
     void jobDone() override;
 
     // Bytes a connection may have waiting to be sent before the kernel gives
-    // up on it (a client that never reads).
+    // up on it (a client that never reads), besides the biggest message in
+    // the queue: one huge result must not cost a client that does read.
     static const std::size_t MaxQueued = 64u << 20;
 
 private:
@@ -58,6 +59,7 @@ private:
         std::unique_ptr<RequestReader> reader;
         std::string out;        // bytes not yet sent
         std::size_t sent = 0;   // of out
+        std::size_t largest = 0;  // biggest message queued since out was empty
         std::vector<long> clients;  // in announcement order
         bool dead = false;      // close at the next opportunity
         bool everHadClient = false;
