@@ -302,7 +302,9 @@ void Server::readFrom(Connection& c)
                 return;
             continue;
         }
-        if (n == 0) {
+        // A peer that closes with replies still unread resets the
+        // connection: that is an ordinary end too.
+        if (n == 0 || errno == ECONNRESET) {
             closeConnection(c.id, c.reader->midRequest() ? "connection closed in the middle of a request"
                                                          : nullptr);
             return;

@@ -606,6 +606,15 @@ TEST_F(Tamkern, ClientThatDisconnectsMidCommandOrMidRequest)
     auto t0 = Clock::now();
     EXPECT_EQ(result(c, "2+2"), "4");
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 5.0);
+    // Leaving without reading the answers is no fault worth a log line.
+    int unread = rawConnect();
+    rawSend(unread, kNewClient);
+    pollfd in{unread, POLLIN, 0};
+    ASSERT_EQ(::poll(&in, 1, 5000), 1);
+    ::close(unread);
+    raw_.back() = -1;
+    EXPECT_EQ(result(c, "2+3"), "5");
+    EXPECT_EQ(log(), "");
 
     int half = rawConnect();
     rawSend(half, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">1+");
