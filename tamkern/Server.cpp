@@ -165,7 +165,7 @@ int Server::run()
         fds.push_back(pollfd{gWakeRead, POLLIN, 0});
         fds.push_back(pollfd{acceptPaused_ ? -1 : listenFd_, POLLIN, 0});
         for (auto& kv : conns_) {
-            short ev = POLLIN;
+            short ev = kv.second.waiting < MaxWaiting ? POLLIN : 0;
             if (kv.second.sent < kv.second.out.size())
                 ev |= POLLOUT;
             fds.push_back(pollfd{kv.second.fd, ev, 0});
@@ -399,10 +399,14 @@ void Server::removeClient(long id)
     clients_.erase(it);
     engine_.clientGone(id);
     for (auto q = queue_.begin(); q != queue_.end();) {
-        if (q->client == id)
+        if (q->client == id) {
+            auto qc = conns_.find(q->conn);
+            if (qc != conns_.end())
+                --qc->second.waiting;
             q = queue_.erase(q);
-        else
+        } else {
             ++q;
+        }
     }
 }
 
@@ -551,6 +555,7 @@ void Server::onRequest(int connId, Request& req)
         break;
     }
     queue_.push_back(Pending{connId, id, std::move(req)});
+    ++c.waiting;
     dispatch();
 }
 
@@ -559,6 +564,9 @@ void Server::dispatch()
     while (!busy_ && !queue_.empty() && !quitting_) {
         Pending p = std::move(queue_.front());
         queue_.pop_front();
+        auto ci = conns_.find(p.conn);
+        if (ci != conns_.end())
+            --ci->second.waiting;
         runQueued(p);
     }
 }

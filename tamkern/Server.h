@@ -44,6 +44,10 @@ public:
     // up on it (a client that never reads), besides the biggest message in
     // the queue: one huge result must not cost a client that does read.
     static const std::size_t MaxQueued = 64u << 20;
+    // Requests of one connection that may wait for the worker before the
+    // kernel stops reading from it until some have run: a client that sends
+    // without pause must not fill the kernel's memory.
+    static const std::size_t MaxWaiting = 10000;
 
 private:
     struct Client {
@@ -60,6 +64,7 @@ private:
         std::string out;        // bytes not yet sent
         std::size_t sent = 0;   // of out
         std::size_t largest = 0;  // biggest message queued since out was empty
+        std::size_t waiting = 0;  // of its requests in queue_
         std::vector<long> clients;  // in announcement order
         bool dead = false;      // close at the next opportunity
         bool everHadClient = false;

@@ -663,6 +663,27 @@ TEST_F(Tamkern, ClientThatStopsReadingDelaysNobody)
     EXPECT_GT(got.size(), 75000000u) << log();
 }
 
+TEST_F(Tamkern, RequestsPilingUpBehindACommandAreReadInStep)
+{
+    Client& c = add(launch());
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(8), kLongLoop), 1);
+    // 200000 settings behind the loop: the kernel reads only as far as it
+    // keeps them waiting, so the sender soon finds the socket full.
+    int fd = rawConnect();
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    std::string flood = kNewClient;
+    for (int i = 0; i < 200000; ++i)
+        flood += "<prettyprint value=\"0\"/>";
+    std::size_t sent = 0;
+    for (pollfd p{fd, POLLOUT, 0}; sent < flood.size() && ::poll(&p, 1, 500) == 1;)
+        sent += std::max<ssize_t>(0, ::send(fd, flood.data() + sent, flood.size() - sent, MSG_NOSIGNAL));
+    EXPECT_LT(sent, flood.size() / 2);
+    ASSERT_EQ(TAM_send_stop(c.k), 1);
+    Events e = finished(c, 8);
+    EXPECT_EQ(e.empty() ? "" : e.back(), "8 finished");
+    EXPECT_EQ(result(c, "1+1"), "2");
+}
+
 TEST_F(Tamkern, RefusesPeersOfAnotherUser)
 {
     if (::geteuid() != 0)
