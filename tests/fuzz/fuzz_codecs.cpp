@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     std::setlocale(LC_ALL, "");
     fuzz::writeSeeds(*argc, *argv, {"eJxLTEoGAAJNASc=", " eJxLT\nEoGAA JNASc ", "QQ==QQ", "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80",
-                                    "\xc3\x28\xed\xa0\x80\xc0\xaf\xff", "x\0y\xe4"});
+                                    "\xc3\x28\xed\xa0\x80\xc0\xaf\xff", std::string("x\0y\xe4", 4)});
     return 0;
 }
 

@@ -2,7 +2,8 @@
 // (chunks of one connection's stream into one RequestReader). Each request's
 // payload is decoded as the server would, and its texts are echoed through
 // the kernel's message writer; every such message must parse as XML, since
-// one bad byte would stop the client's reader for good.
+// one bad byte would stop the client's reader for good. The input fed whole
+// and fed in chunks must give the same requests and the same fault.
 #include <expat.h>
 
 #include <cstdarg>
@@ -38,9 +39,17 @@ void expectWellFormed(const std::string& msg)
     }
 }
 
+std::string gLog;
+
 void onRequest(tamkern::Request& r)
 {
     using namespace tamkern;
+    gLog += std::string(requestName(r.kind)) + "|" + std::to_string(r.hasCl) + std::to_string(r.clValid) + "|" +
+            std::to_string(r.cl) + "|" + std::to_string(r.cid) + "|" + r.name + "|" + r.frame + "|" + r.features +
+            "|" + r.type + "|" + r.value + "|" + std::to_string(r.canceled) + std::to_string(r.error) + "|" +
+            std::to_string(r.args.size()) + (r.args.empty() ? "" : r.args.back()) + "|" +
+            std::to_string(r.hasText) + r.text + "|" + std::to_string(r.hasPayload) + r.payloadFormat + "|" +
+            r.payloadBase64 + "\n";
     std::string bytes;
     if (r.hasPayload)
         decodeMCode(r.payloadBase64, bytes);
@@ -69,9 +78,26 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     return 0;
 }
 
+// The requests and the fault the input gives, fed whole or in chunks.
+std::string requests(const uint8_t* data, std::size_t size, bool whole)
+{
+    gLog.clear();
+    tamkern::RequestReader reader(onRequest);
+    if (whole)
+        reader.feed(reinterpret_cast<const char*>(data) + 2, static_cast<int>(size - 2));
+    else
+        fuzz::feedChunks(data, size, [&](const char* p, int n) { reader.feed(p, n); });
+    return gLog + "fault: " + reader.fault() + (reader.midRequest() ? " (mid-request)" : "");
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
-    tamkern::RequestReader reader(onRequest);
-    fuzz::feedChunks(data, size, [&](const char* p, int n) { reader.feed(p, n); });
+    if (size < 2)
+        return 0;
+    const std::string whole = requests(data, size, true), split = requests(data, size, false);
+    if (whole != split) {
+        std::fprintf(stderr, "whole:\n%s\nsplit:\n%s\n", whole.c_str(), split.c_str());
+        __builtin_trap();
+    }
     return 0;
 }

@@ -1,83 +1,73 @@
 // Fuzzes the client's kernel-message reader: TAM_XmsgParser dispatching to
-// three clients with all 26 handlers set. Some handlers answer with requests
-// (through the real request writer), on_help throws for a text starting with
-// "!", and every text, list and payload handed over is read to its end.
+// three clients with all 26 handlers set. Every handler logs its call with
+// all it was given read to the end (texts, lists, payload bytes); some answer
+// with requests through the real request writer, and on_help throws for a
+// text starting with "!". The input fed whole and fed in chunks must give
+// the same calls.
 #include <cstring>
 #include <stdexcept>
 
 #include "FuzzCommon.h"
+#include "xmsg/ReaderHarness.h"
 #include "xmsg/TAM_XmsgParser.h"
-#include "xmsg/WriterTestKernel.h"
 
 namespace {
 
 using K = TAM_KernelImpl;
-volatile std::size_t gSink;
-
-void touch(const char* s) { gSink = gSink + (s ? std::strlen(s) : 0); }
-void touch(const TAM_DataTAG* d)
-{
-    touch(d->format);
-    for (uint64_t i = 0; i < d->length; ++i)
-        gSink = gSink + d->data[i];
-}
-void touchAll(long n, const char** a)
-{
-    for (long i = 0; a && i < n; ++i)
-        touch(a[i]);
-}
+using rh::add;
 
 void setAll(K* c)
 {
-    c->on_init_wanted = [](K* k) { static const char* a[] = {"-l", "lib"}; k->send_init(2, a); };
-    c->on_kernel_ready = [](K* k) { k->send_status_wanted(); };
-    c->on_output = [](K* k, void*, const char* t, const char* f, const char* x) {
-        touch(t), touch(f), touch(x);
-        k->send_textwidth(static_cast<long>(std::strlen(x)));
+    c->on_init_wanted = [](K* k) {
+        static const char* a[] = {"-l", "lib"};
+        add(k, "init_wanted"), k->send_init(2, a);
     };
-    c->on_output_data = [](K*, void*, const char* t, const TAM_DataTAG* d) { touch(t), touch(d); };
-    c->on_finished = [](K* k, void* cookie) { k->send_cmd(cookie, "1+\xe4", 0, "_lan"); };
-    c->on_complete_cmd = [](K* k, void*) { k->send_completion_wanted("si"); };
-    c->on_input_wanted = [](K* k, void*, int text, const char* p) {
+    c->on_kernel_ready = [](K* k) { add(k, "ready"), k->send_status_wanted(); };
+    c->on_output = [](K* k, void* c, const char* t, const char* f, const char* x) {
+        add(k, "output", c, t, f, x), k->send_textwidth(static_cast<long>(std::strlen(x)));
+    };
+    c->on_output_data = [](K* k, void* c, const char* t, const TAM_DataTAG* d) { add(k, "output_data", c, t, d); };
+    c->on_finished = [](K* k, void* c) { add(k, "finished", c), k->send_cmd(c, "1+\xe4", 0, "_lan"); };
+    c->on_complete_cmd = [](K* k, void* c) { add(k, "complete", c), k->send_completion_wanted("si"); };
+    c->on_input_wanted = [](K* k, void* c, int text, const char* p) {
+        add(k, "input_wanted", c, long(text), p);
         text ? k->send_textinput(0, p) : k->send_input(0, p);
     };
-    c->on_callback = [](K* k, void*, const TAM_DataTAG* d) { touch(d), k->send_call_result(0, d); };
-    c->on_help = [](K*, const char* v) {
+    c->on_callback = [](K* k, void* c, const TAM_DataTAG* d) { add(k, "callback", c, d), k->send_call_result(0, d); };
+    c->on_help = [](K* k, const char* v) {
+        add(k, "help", v);
         if (v[0] == '!')
             throw std::runtime_error("help handler fails");
-        touch(v);
     };
-    c->on_system = [](K* k, const char* v) { touch(v), k->send_system_result(7); };
-    c->on_frame_changed = [](K*, const char* v) { touch(v); };
-    c->on_textwidth_changed = [](K*, long v) { gSink = gSink + v; };
-    c->on_pretty_print_changed = [](K* k, int v) { k->send_pretty_print(!v); };
-    c->on_abbreviate_output_changed = [](K*, int v) { gSink = gSink + v; };
-    c->on_format_changed = [](K*, const char* t, const char* f) { touch(t), touch(f); };
+    c->on_system = [](K* k, const char* v) { add(k, "system", v), k->send_system_result(7); };
+    c->on_frame_changed = [](K* k, const char* v) { add(k, "frame", v); };
+    c->on_textwidth_changed = [](K* k, long v) { add(k, "textwidth", v); };
+    c->on_pretty_print_changed = [](K* k, int v) { add(k, "prettyprint", long(v)), k->send_pretty_print(!v); };
+    c->on_abbreviate_output_changed = [](K* k, int v) { add(k, "abbreviate", long(v)); };
+    c->on_format_changed = [](K* k, const char* t, const char* f) { add(k, "format", t, f); };
     c->on_select_format = [](K* k, const char* t, long n, const char** f) {
-        touchAll(n, f);
+        add(k, "selformat", t, n, rh::list(n, f));
         if (n > 0)
             k->send_format(t, f[n - 1]);
     };
-    c->on_status = [](K*, long u, long r, long s) { gSink = gSink + u + r + s; };
-    c->on_input_completion = [](K*, const char* l, const char* p) { touch(l), touch(p); };
-    c->on_plot_result_file = [](K*, void*, const char* n) { touch(n); };
-    c->on_dbg_cmd_wanted = [](K* k, void*) { k->send_dbg_cmd('s', "f.tam", 3, "x<y"); };
-    c->on_dbg_info = [](K*, char, const char* f, long p, const char* e, long l, long d) {
-        touch(f), touch(e), gSink = gSink + p + l + d;
+    c->on_status = [](K* k, long used, long res, long sec) { add(k, "status", used, res, sec); };
+    c->on_input_completion = [](K* k, const char* l, const char* p) { add(k, "completion", l, p); };
+    c->on_plot_result_file = [](K* k, void* c, const char* n) { add(k, "plotfile", c, n); };
+    c->on_dbg_cmd_wanted = [](K* k, void* c) { add(k, "dbgcmd", c), k->send_dbg_cmd('s', "f.tam", 3, "x<y"); };
+    c->on_dbg_info = [](K* k, char cmd, const char* f, long p, const char* e, long l, long d) {
+        add(k, "dbginfo", cmd, f, p, e, l, d);
     };
-    c->on_display_list = [](K*, long n, const char** a, const char** b) { touchAll(n, a), touchAll(n, b); };
-    c->on_breakpoint_list = [](K*, long n, const char** f, const long* p, const char** c) {
-        touchAll(n, f), touchAll(n, c);
-        for (long i = 0; p && i < n; ++i)
-            gSink = gSink + p[i];
+    c->on_display_list = [](K* k, long n, const char** a, const char** b) {
+        add(k, "display", n, rh::list(n, a), rh::list(n, b));
     };
-    c->on_call_stack = [](K*, long, long n, const char** f, const long* p, const char** q) {
-        touchAll(n, f), touchAll(n, q);
-        for (long i = 0; p && i < n; ++i)
-            gSink = gSink + p[i];
+    c->on_breakpoint_list = [](K* k, long n, const char** f, const long* p, const char** c) {
+        add(k, "breakpoints", n, rh::list(n, f), rh::list(n, p), rh::list(n, c));
     };
-    c->on_reset = [](K* k) { k->send_stop(); };
-    c->on_quit = [](K* k) { k->send_quit(); };
+    c->on_call_stack = [](K* k, long l, long n, const char** f, const long* p, const char** q) {
+        add(k, "callstack", l, n, rh::list(n, f), rh::list(n, p), rh::list(n, q));
+    };
+    c->on_reset = [](K* k) { add(k, "reset"), k->send_stop(); };
+    c->on_quit = [](K* k) { add(k, "quit"), k->send_quit(); };
 }
 
 struct Reader : TAM_XmsgParserHandler {
@@ -122,12 +112,31 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+// The calls the input gives, fed whole or in chunks.
+std::vector<std::string> calls(const uint8_t* data, std::size_t size, bool whole)
 {
+    rh::gCalls.clear();
     Reader reader;
     TAM_XmsgParser parser(&reader);
     if (!parser.init())
         __builtin_trap();
-    fuzz::feedChunks(data, size, [&](const char* p, int n) { parser.saveParse(p, n); });
+    if (whole)
+        parser.saveParse(reinterpret_cast<const char*>(data) + 2, static_cast<int>(size - 2));
+    else
+        fuzz::feedChunks(data, size, [&](const char* p, int n) { parser.saveParse(p, n); });
+    return rh::gCalls;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    if (size < 2)
+        return 0;
+    const std::vector<std::string> whole = calls(data, size, true), split = calls(data, size, false);
+    if (whole != split) {
+        for (std::size_t i = 0; i < std::max(whole.size(), split.size()); ++i)
+            std::fprintf(stderr, "%s | %s\n", i < whole.size() ? whole[i].c_str() : "-",
+                         i < split.size() ? split[i].c_str() : "-");
+        __builtin_trap();
+    }
     return 0;
 }
