@@ -118,6 +118,8 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
     collect_ = nullptr;
     quiet_ = 0;
     ++depth_;
+    if (depth_ > MaxDepth && fault_.empty())
+        fault_ = "requests nested too deeply";
     if (!fault_.empty())
         return;
     if (depth_ == 1) {

@@ -57,6 +57,9 @@ public:
     // a skipped element) may span: expat holds such a piece whole and scans
     // it again with every chunk, so memory and time would grow without end.
     static const std::size_t MaxMarkup = 4u << 20;
+    // Open elements at most: a request is three deep, and the parser keeps
+    // some hundred bytes for every open one.
+    static const int MaxDepth = 64;
 
 private:
     void startElement(int nsId, int id, const std::vector<Xml::Attribute>& attrs) override;

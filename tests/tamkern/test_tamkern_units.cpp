@@ -76,6 +76,13 @@ TEST(TamkernUnits, OversizedRequestFailsTheReader)
         EXPECT_NE(r.fault().find("larger than the limit"), std::string::npos) << r.fault();
         EXPECT_EQ(r.midRequest(), head.back() == '>');
     }
+    // Elements nested without end: each one open costs the parser memory.
+    RequestReader deep([](Request&) {});
+    std::string nest;
+    for (int i = 0; i < 1000; ++i)
+        nest += "<cmd>";
+    EXPECT_FALSE(deep.feed(nest.data(), static_cast<int>(nest.size())));
+    EXPECT_EQ(deep.fault(), "requests nested too deeply");
 }
 
 TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
