@@ -55,8 +55,9 @@ public:
     static const std::size_t MaxText = 16u << 20;
     // Bytes a single piece of markup (a tag with its attributes, a comment,
     // a skipped element) may span: expat holds such a piece whole and scans
-    // it again with every chunk, so memory and time would grow without end.
-    static const std::size_t MaxMarkup = 4u << 20;
+    // it again with every chunk, and keeps some fifty bytes for every element
+    // open in a skipped one, so memory and time would grow without end.
+    static const std::size_t MaxMarkup = 1u << 20;
     // Open elements at most: a request is three deep, and the parser keeps
     // some hundred bytes for every open one.
     static const int MaxDepth = 64;
