@@ -168,7 +168,9 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
         return;
     switch (id) {
     case E_iarg:
-        if (req_.kind == Request::Init)
+        if (req_.kind == Request::Init && req_.args.size() >= MaxArgs)
+            fault_ = "<init> with more arguments than the limit";
+        else if (req_.kind == Request::Init)
             for (const Xml::Attribute& a : attrs)
                 if (a.id == A_value)
                     req_.args.push_back(a.value);

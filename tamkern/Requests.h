@@ -61,6 +61,9 @@ public:
     // Open elements at most: a request is three deep, and the parser keeps
     // some hundred bytes for every open one.
     static const int MaxDepth = 64;
+    // Start-up arguments at most: each one is stored, and each unknown one
+    // costs the worker a warning to send.
+    static const std::size_t MaxArgs = 1024;
 
 private:
     void startElement(int nsId, int id, const std::vector<Xml::Attribute>& attrs) override;

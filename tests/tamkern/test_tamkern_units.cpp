@@ -76,13 +76,20 @@ TEST(TamkernUnits, OversizedRequestFailsTheReader)
         EXPECT_NE(r.fault().find("larger than the limit"), std::string::npos) << r.fault();
         EXPECT_EQ(r.midRequest(), head.back() == '>');
     }
-    // Elements nested without end: each one open costs the parser memory.
-    RequestReader deep([](Request&) {});
-    std::string nest;
-    for (int i = 0; i < 1000; ++i)
-        nest += "<cmd>";
-    EXPECT_FALSE(deep.feed(nest.data(), static_cast<int>(nest.size())));
-    EXPECT_EQ(deep.fault(), "requests nested too deeply");
+    // Elements nested without end (each one open costs the parser memory),
+    // and start-up arguments without end.
+    const struct { std::string head, repeated, fault; } floods[] = {
+        {"", "<cmd>", "requests nested too deeply"},
+        {"<init>", "<iarg value=\"a\"/>", "<init> with more arguments than the limit"},
+    };
+    for (const auto& f : floods) {
+        RequestReader r([](Request&) {});
+        std::string s = f.head;
+        for (int i = 0; i < 2000; ++i)
+            s += f.repeated;
+        EXPECT_FALSE(r.feed(s.data(), static_cast<int>(s.size())));
+        EXPECT_EQ(r.fault(), f.fault);
+    }
 }
 
 TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
