@@ -161,6 +161,11 @@ const char* TAM_get_listen_path(TAM_KernelImpl* kernel)
     return kernel ? kernel->get_listen_path() : nullptr;
 }
 
+const char* TAM_get_version(void)
+{
+    return TAMIX_VERSION_STRING;
+}
+
 // Kept for front ends written for other transports: there is no in-process
 // kernel and no window-message transport here, so these do nothing.
 TAM_KernelImpl* TAM_get_lib_kernel(void)

@@ -15,6 +15,25 @@
 
 #include <stdint.h>
 
+/* The library's version. TAMIX_VERSION_NUMBER grows with every release
+ * (major * 10000 + minor * 100 + patch), for compile-time checks. */
+#define TAMIX_VERSION_MAJOR 0
+#define TAMIX_VERSION_MINOR 1
+#define TAMIX_VERSION_PATCH 0
+#define TAMIX_VERSION_STRING "0.1.0"
+#define TAMIX_VERSION_NUMBER \
+    (TAMIX_VERSION_MAJOR * 10000 + TAMIX_VERSION_MINOR * 100 + TAMIX_VERSION_PATCH)
+
+/* Marks the functions the shared library exports; everything else in it is
+ * hidden. Define TAMIX_STATIC when linking the library's objects directly. */
+#if defined(TAMIX_STATIC)
+#define TAMIX_API
+#elif defined(__GNUC__) && __GNUC__ >= 4
+#define TAMIX_API __attribute__((visibility("default")))
+#else
+#define TAMIX_API
+#endif
+
 #ifdef __cplusplus
 class TAM_KernelImpl;
 extern "C" {
@@ -104,105 +123,110 @@ typedef void (*TAM_OnQuit)(TAM_KernelImpl* kernel);
 
 /* Default handlers: they answer the kernel when the front end has
  * registered nothing. */
-void TAM_default_on_init_wanted(TAM_KernelImpl* kernel);
-void TAM_default_on_input_wanted(TAM_KernelImpl* kernel, void* cookie, int text,
+TAMIX_API void TAM_default_on_init_wanted(TAM_KernelImpl* kernel);
+TAMIX_API void TAM_default_on_input_wanted(TAM_KernelImpl* kernel, void* cookie, int text,
                                  const char* prompt);
-void TAM_default_on_callback(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data);
-void TAM_default_on_system(TAM_KernelImpl* kernel, const char* value);
-void TAM_default_on_select_format(TAM_KernelImpl* kernel, const char* type, long count,
+TAMIX_API void TAM_default_on_callback(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data);
+TAMIX_API void TAM_default_on_system(TAM_KernelImpl* kernel, const char* value);
+TAMIX_API void TAM_default_on_select_format(TAM_KernelImpl* kernel, const char* type, long count,
                                   const char** formats);
-void TAM_default_on_dbg_cmd_wanted(TAM_KernelImpl* kernel, void* cookie);
+TAMIX_API void TAM_default_on_dbg_cmd_wanted(TAM_KernelImpl* kernel, void* cookie);
 
 /* Handler setters. A null handler restores the default where there is one
  * and switches the message off elsewhere. */
-void TAM_set_on_init_wanted_handler(TAM_KernelImpl* kernel, TAM_OnInitWanted handler);
-void TAM_set_on_kernel_ready_handler(TAM_KernelImpl* kernel, TAM_OnKernelReady handler);
-void TAM_set_on_output_handler(TAM_KernelImpl* kernel, TAM_OnOutput handler);
-void TAM_set_on_output_data_handler(TAM_KernelImpl* kernel, TAM_OnOutputData handler);
-void TAM_set_on_finished_handler(TAM_KernelImpl* kernel, TAM_OnFinished handler);
-void TAM_set_on_complete_cmd_handler(TAM_KernelImpl* kernel, TAM_OnCompleteCmd handler);
-void TAM_set_on_input_wanted_handler(TAM_KernelImpl* kernel, TAM_OnInputWanted handler);
-void TAM_set_on_callback_handler(TAM_KernelImpl* kernel, TAM_OnCallback handler);
-void TAM_set_on_help_handler(TAM_KernelImpl* kernel, TAM_OnHelp handler);
-void TAM_set_on_system_handler(TAM_KernelImpl* kernel, TAM_OnSystem handler);
-void TAM_set_on_frame_changed_handler(TAM_KernelImpl* kernel, TAM_OnFrameChanged handler);
-void TAM_set_on_textwidth_changed_handler(TAM_KernelImpl* kernel, TAM_OnTextwidthChanged handler);
-void TAM_set_on_pretty_print_changed_handler(TAM_KernelImpl* kernel,
+TAMIX_API void TAM_set_on_init_wanted_handler(TAM_KernelImpl* kernel, TAM_OnInitWanted handler);
+TAMIX_API void TAM_set_on_kernel_ready_handler(TAM_KernelImpl* kernel, TAM_OnKernelReady handler);
+TAMIX_API void TAM_set_on_output_handler(TAM_KernelImpl* kernel, TAM_OnOutput handler);
+TAMIX_API void TAM_set_on_output_data_handler(TAM_KernelImpl* kernel, TAM_OnOutputData handler);
+TAMIX_API void TAM_set_on_finished_handler(TAM_KernelImpl* kernel, TAM_OnFinished handler);
+TAMIX_API void TAM_set_on_complete_cmd_handler(TAM_KernelImpl* kernel, TAM_OnCompleteCmd handler);
+TAMIX_API void TAM_set_on_input_wanted_handler(TAM_KernelImpl* kernel, TAM_OnInputWanted handler);
+TAMIX_API void TAM_set_on_callback_handler(TAM_KernelImpl* kernel, TAM_OnCallback handler);
+TAMIX_API void TAM_set_on_help_handler(TAM_KernelImpl* kernel, TAM_OnHelp handler);
+TAMIX_API void TAM_set_on_system_handler(TAM_KernelImpl* kernel, TAM_OnSystem handler);
+TAMIX_API void TAM_set_on_frame_changed_handler(TAM_KernelImpl* kernel, TAM_OnFrameChanged handler);
+TAMIX_API void TAM_set_on_textwidth_changed_handler(TAM_KernelImpl* kernel, TAM_OnTextwidthChanged handler);
+TAMIX_API void TAM_set_on_pretty_print_changed_handler(TAM_KernelImpl* kernel,
                                              TAM_OnPrettyPrintChanged handler);
-void TAM_set_on_abbreviate_output_changed_handler(TAM_KernelImpl* kernel,
+TAMIX_API void TAM_set_on_abbreviate_output_changed_handler(TAM_KernelImpl* kernel,
                                                   TAM_OnAbbreviateOutputChanged handler);
-void TAM_set_on_format_changed_handler(TAM_KernelImpl* kernel, TAM_OnFormatChanged handler);
-void TAM_set_on_select_format_handler(TAM_KernelImpl* kernel, TAM_OnSelectFormat handler);
-void TAM_set_on_status_handler(TAM_KernelImpl* kernel, TAM_OnStatus handler);
-void TAM_set_on_input_completion_handler(TAM_KernelImpl* kernel, TAM_OnInputCompletion handler);
-void TAM_set_on_plot_result_file_handler(TAM_KernelImpl* kernel, TAM_OnPlotResultFile handler);
-void TAM_set_on_dbg_cmd_wanted_handler(TAM_KernelImpl* kernel, TAM_OnDbgCmdWanted handler);
-void TAM_set_on_dbg_info_handler(TAM_KernelImpl* kernel, TAM_OnDbgInfo handler);
-void TAM_set_on_display_list_handler(TAM_KernelImpl* kernel, TAM_OnDisplayList handler);
-void TAM_set_on_breakpoint_list_handler(TAM_KernelImpl* kernel, TAM_OnBreakpointList handler);
-void TAM_set_on_call_stack_handler(TAM_KernelImpl* kernel, TAM_OnCallStack handler);
-void TAM_set_on_reset_handler(TAM_KernelImpl* kernel, TAM_OnReset handler);
-void TAM_set_on_quit_handler(TAM_KernelImpl* kernel, TAM_OnQuit handler);
+TAMIX_API void TAM_set_on_format_changed_handler(TAM_KernelImpl* kernel, TAM_OnFormatChanged handler);
+TAMIX_API void TAM_set_on_select_format_handler(TAM_KernelImpl* kernel, TAM_OnSelectFormat handler);
+TAMIX_API void TAM_set_on_status_handler(TAM_KernelImpl* kernel, TAM_OnStatus handler);
+TAMIX_API void TAM_set_on_input_completion_handler(TAM_KernelImpl* kernel, TAM_OnInputCompletion handler);
+TAMIX_API void TAM_set_on_plot_result_file_handler(TAM_KernelImpl* kernel, TAM_OnPlotResultFile handler);
+TAMIX_API void TAM_set_on_dbg_cmd_wanted_handler(TAM_KernelImpl* kernel, TAM_OnDbgCmdWanted handler);
+TAMIX_API void TAM_set_on_dbg_info_handler(TAM_KernelImpl* kernel, TAM_OnDbgInfo handler);
+TAMIX_API void TAM_set_on_display_list_handler(TAM_KernelImpl* kernel, TAM_OnDisplayList handler);
+TAMIX_API void TAM_set_on_breakpoint_list_handler(TAM_KernelImpl* kernel, TAM_OnBreakpointList handler);
+TAMIX_API void TAM_set_on_call_stack_handler(TAM_KernelImpl* kernel, TAM_OnCallStack handler);
+TAMIX_API void TAM_set_on_reset_handler(TAM_KernelImpl* kernel, TAM_OnReset handler);
+TAMIX_API void TAM_set_on_quit_handler(TAM_KernelImpl* kernel, TAM_OnQuit handler);
 
 /* Client data: a value of the front end's that the library never reads. */
-int TAM_set_client_data(TAM_KernelImpl* kernel, void* data);
-void* TAM_get_client_data(TAM_KernelImpl* kernel);
+TAMIX_API int TAM_set_client_data(TAM_KernelImpl* kernel, void* data);
+TAMIX_API void* TAM_get_client_data(TAM_KernelImpl* kernel);
 
 /* Requests. */
-int TAM_send_new_client(TAM_KernelImpl* kernel, const char* name, const char* frame,
+TAMIX_API int TAM_send_new_client(TAM_KernelImpl* kernel, const char* name, const char* frame,
                         long features);
-int TAM_send_new_client_ext(TAM_KernelImpl* kernel, const char* name, const char* frame,
+TAMIX_API int TAM_send_new_client_ext(TAM_KernelImpl* kernel, const char* name, const char* frame,
                             long features, unsigned char longfmt, unsigned char floatfmt,
                             unsigned char coding);
-int TAM_send_init(TAM_KernelImpl* kernel, long argc, const char** argv);
-int TAM_send_cmd(TAM_KernelImpl* kernel, void* cookie, const char* cmd);
-int TAM_send_cmd_ext(TAM_KernelImpl* kernel, void* cookie, const char* cmd, long flags,
+TAMIX_API int TAM_send_init(TAM_KernelImpl* kernel, long argc, const char** argv);
+TAMIX_API int TAM_send_cmd(TAM_KernelImpl* kernel, void* cookie, const char* cmd);
+TAMIX_API int TAM_send_cmd_ext(TAM_KernelImpl* kernel, void* cookie, const char* cmd, long flags,
                      const char* format);
-int TAM_send_cmd_data(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data, long flags,
+TAMIX_API int TAM_send_cmd_data(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data, long flags,
                       const char* format);
-int TAM_send_completion_wanted(TAM_KernelImpl* kernel, const char* text);
-int TAM_send_dbg_cmd(TAM_KernelImpl* kernel, unsigned char cmd, const char* fname, long fpos,
+TAMIX_API int TAM_send_completion_wanted(TAM_KernelImpl* kernel, const char* text);
+TAMIX_API int TAM_send_dbg_cmd(TAM_KernelImpl* kernel, unsigned char cmd, const char* fname, long fpos,
                      const char* expr);
-int TAM_send_system_result(TAM_KernelImpl* kernel, long result);
-int TAM_send_input(TAM_KernelImpl* kernel, int canceled, const char* text);
-int TAM_send_textinput(TAM_KernelImpl* kernel, int canceled, const char* text);
-int TAM_send_call_result(TAM_KernelImpl* kernel, int error, const TAM_DataTAG* data);
-int TAM_send_textwidth(TAM_KernelImpl* kernel, long width);
-int TAM_send_pretty_print(TAM_KernelImpl* kernel, int on);
-int TAM_send_abbreviate_output(TAM_KernelImpl* kernel, int on);
-int TAM_send_format(TAM_KernelImpl* kernel, const char* name, const char* format);
-int TAM_send_status_wanted(TAM_KernelImpl* kernel);
-int TAM_send_stop(TAM_KernelImpl* kernel);
-int TAM_send_quit(TAM_KernelImpl* kernel);
-int TAM_set_kernel_name(TAM_KernelImpl* kernel, const char* name);
+TAMIX_API int TAM_send_system_result(TAM_KernelImpl* kernel, long result);
+TAMIX_API int TAM_send_input(TAM_KernelImpl* kernel, int canceled, const char* text);
+TAMIX_API int TAM_send_textinput(TAM_KernelImpl* kernel, int canceled, const char* text);
+TAMIX_API int TAM_send_call_result(TAM_KernelImpl* kernel, int error, const TAM_DataTAG* data);
+TAMIX_API int TAM_send_textwidth(TAM_KernelImpl* kernel, long width);
+TAMIX_API int TAM_send_pretty_print(TAM_KernelImpl* kernel, int on);
+TAMIX_API int TAM_send_abbreviate_output(TAM_KernelImpl* kernel, int on);
+TAMIX_API int TAM_send_format(TAM_KernelImpl* kernel, const char* name, const char* format);
+TAMIX_API int TAM_send_status_wanted(TAM_KernelImpl* kernel);
+TAMIX_API int TAM_send_stop(TAM_KernelImpl* kernel);
+TAMIX_API int TAM_send_quit(TAM_KernelImpl* kernel);
+TAMIX_API int TAM_set_kernel_name(TAM_KernelImpl* kernel, const char* name);
 
 /* Ending a connection, freeing memory the library gave out, queries. */
-void TAM_delete_kernel(TAM_KernelImpl* kernel);
-void TAM_free(void* p);
-long TAM_get_client_id(TAM_KernelImpl* kernel);
-const char* TAM_get_kernel_name(TAM_KernelImpl* kernel);
-int TAM_get_client_fd(TAM_KernelImpl* kernel);
-const char* TAM_get_listen_path(TAM_KernelImpl* kernel);
+TAMIX_API void TAM_delete_kernel(TAM_KernelImpl* kernel);
+TAMIX_API void TAM_free(void* p);
+TAMIX_API long TAM_get_client_id(TAM_KernelImpl* kernel);
+TAMIX_API const char* TAM_get_kernel_name(TAM_KernelImpl* kernel);
+TAMIX_API int TAM_get_client_fd(TAM_KernelImpl* kernel);
+TAMIX_API const char* TAM_get_listen_path(TAM_KernelImpl* kernel);
 
 /* Kernels over Unix-domain sockets. */
-TAM_KernelImpl* TAM_new_uds_kernel(const char* kernel_path, const char* name);
-TAM_KernelImpl* TAM_connect_uds_kernel(const char* listen_path, const char* name);
-TAM_KernelImpl* TAM_get_uds_kernel(const char* kernel_path, const char* name, int launch);
-char** TAM_get_uds_kernel_names(void);
+TAMIX_API TAM_KernelImpl* TAM_new_uds_kernel(const char* kernel_path, const char* name);
+TAMIX_API TAM_KernelImpl* TAM_connect_uds_kernel(const char* listen_path, const char* name);
+TAMIX_API TAM_KernelImpl* TAM_get_uds_kernel(const char* kernel_path, const char* name, int launch);
+TAMIX_API char** TAM_get_uds_kernel_names(void);
 
 /* The input loop: reads what the kernels sent and calls the handlers. */
-void TAM_handle_uds_input(int wait);
-void TAM_read_uds_input(int fd);
+TAMIX_API void TAM_handle_uds_input(int wait);
+TAMIX_API void TAM_read_uds_input(int fd);
+
+/* The version of the library in use, "MAJOR.MINOR.PATCH": the run-time
+ * counterpart of TAMIX_VERSION_STRING, for a front end that wants to know
+ * which library it was loaded with. Static text, never null; do not free. */
+TAMIX_API const char* TAM_get_version(void);
 
 /* Kept for interface compatibility with front ends written for other
  * transports; they ignore their arguments and do nothing. */
-TAM_KernelImpl* TAM_get_lib_kernel(void);
-void TAM_exit_lib(void);
-int TAM_set_event_handler(TAM_KernelImpl* kernel, void* handler);
-int TAM_set_fatal_exit_handler(void* handler);
-TAM_KernelImpl* TAM_new_wmsg_kernel(const char* kernel_path, const char* name);
-TAM_KernelImpl* TAM_get_wmsg_kernel(const char* kernel_path, const char* name, int launch);
-char** TAM_get_wmsg_kernel_names(void);
+TAMIX_API TAM_KernelImpl* TAM_get_lib_kernel(void);
+TAMIX_API void TAM_exit_lib(void);
+TAMIX_API int TAM_set_event_handler(TAM_KernelImpl* kernel, void* handler);
+TAMIX_API int TAM_set_fatal_exit_handler(void* handler);
+TAMIX_API TAM_KernelImpl* TAM_new_wmsg_kernel(const char* kernel_path, const char* name);
+TAMIX_API TAM_KernelImpl* TAM_get_wmsg_kernel(const char* kernel_path, const char* name, int launch);
+TAMIX_API char** TAM_get_wmsg_kernel_names(void);
 
 #ifdef __cplusplus
 }
