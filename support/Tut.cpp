@@ -7,6 +7,7 @@
 
 #include <langinfo.h>
 
+#include <cstdint>
 #include <cstring>
 
 namespace Tut {
@@ -22,16 +23,52 @@ namespace {
 // taken from the C library's current locale instead and installed as Qt's
 // locale codec. Steady state costs one nl_langinfo and one strcmp: the codec
 // is looked up only when the codeset name changes.
-QTextCodec* localeCodec()
+// What the conversions need to know about the locale's encoding.
+struct LocaleCodec {
+    QTextCodec* codec = nullptr;
+    bool utf8 = false;   // UTF-8 itself: valid UTF-8 passes through unchanged
+    bool ascii = false;  // maps the ASCII range to itself, both ways
+};
+
+// Encodings that map every ASCII byte to the same character and back (by
+// MIB enum), so ASCII text needs no conversion under them. Stateful or
+// ASCII-incompatible ones (ISO-2022-*, Shift_JIS with its yen sign) are not
+// listed and always go through Qt.
+bool isAsciiCompatible(int mib)
+{
+    static const int ranges[][2] = {
+        {3, 12},       // US-ASCII, ISO-8859-1..9
+        {13, 13},      // ISO-8859-10
+        {18, 18},      // EUC-JP
+        {38, 38},      // EUC-KR
+        {106, 106},    // UTF-8
+        {109, 114},    // ISO-8859-13..16, GBK, GB18030
+        {2025, 2026},  // GB2312, Big5
+        {2084, 2084},  // KOI8-R
+        {2088, 2088},  // KOI8-U
+        {2250, 2258},  // windows-1250..1258
+    };
+    for (const auto& r : ranges)
+        if (mib >= r[0] && mib <= r[1])
+            return true;
+    return false;
+}
+
+// QtCore decides on its own what the locale's encoding is (built with ICU it
+// reports UTF-8 whatever the locale says), so the codec for the locale is
+// taken from the C library's current locale instead and installed as Qt's
+// locale codec. Steady state costs one nl_langinfo and one strcmp: the codec
+// is looked up only when the codeset name changes.
+const LocaleCodec& localeCodecInfo()
 {
     static char lastCodeset[128] = "";
-    static QTextCodec* codec = nullptr;
+    static LocaleCodec info;
 
     const char* codeset = nl_langinfo(CODESET);
     if (!codeset)
         codeset = "";
-    if (codec && std::strcmp(codeset, lastCodeset) == 0)
-        return codec;
+    if (info.codec && std::strcmp(codeset, lastCodeset) == 0)
+        return info;
 
     QTextCodec* found = nullptr;
     // The C/POSIX locale names plain ASCII; Latin-1 is taken there (and for
@@ -43,17 +80,91 @@ QTextCodec* localeCodec()
         found = QTextCodec::codecForMib(4); // ISO-8859-1
     if (found != QTextCodec::codecForLocale())
         QTextCodec::setCodecForLocale(found);
-    codec = found;
+    info.codec = found;
+    info.utf8 = found->mibEnum() == 106;
+    info.ascii = isAsciiCompatible(found->mibEnum());
 
     std::size_t n = std::strlen(codeset);
-    if (n >= sizeof(lastCodeset)) {
-        // Too long to remember: look it up again next time.
-        lastCodeset[0] = '\0';
-        codec = nullptr;
-        return found;
+    if (n >= sizeof(lastCodeset))
+        lastCodeset[0] = '\0';  // too long to remember: looked up again next time
+    else
+        std::memcpy(lastCodeset, codeset, n + 1);
+    return info;
+}
+
+QTextCodec* localeCodec()
+{
+    return localeCodecInfo().codec;
+}
+
+bool isAscii(const unsigned char* p, std::size_t n)
+{
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t w;
+        std::memcpy(&w, p + i, 8);
+        if (w & 0x8080808080808080ull)
+            return false;
     }
-    std::memcpy(lastCodeset, codeset, n + 1);
-    return codec;
+    for (; i < n; ++i)
+        if (p[i] & 0x80)
+            return false;
+    return true;
+}
+
+// Length of the well-formed UTF-8 sequence at p (at most n bytes), or 0:
+// no overlong forms, no surrogates, nothing above U+10FFFF.
+std::size_t utf8Sequence(const unsigned char* p, std::size_t n)
+{
+    const unsigned c = p[0];
+    std::size_t len;
+    unsigned lo = 0x80, hi = 0xBF;  // bounds of the second byte
+    if (c >= 0xC2 && c <= 0xDF)
+        len = 2;
+    else if (c >= 0xE0 && c <= 0xEF)
+        len = 3, lo = c == 0xE0 ? 0xA0 : 0x80, hi = c == 0xED ? 0x9F : 0xBF;
+    else if (c >= 0xF0 && c <= 0xF4)
+        len = 4, lo = c == 0xF0 ? 0x90 : 0x80, hi = c == 0xF4 ? 0x8F : 0xBF;
+    else
+        return 0;
+    if (n < len || p[1] < lo || p[1] > hi)
+        return 0;
+    for (std::size_t k = 2; k < len; ++k)
+        if ((p[k] & 0xC0) != 0x80)
+            return 0;
+    return len;
+}
+
+bool isWellFormedUtf8(const unsigned char* p, std::size_t n)
+{
+    for (std::size_t i = 0; i < n;) {
+        if (p[i] < 0x80) {
+            ++i;
+            continue;
+        }
+        const std::size_t k = utf8Sequence(p + i, n - i);
+        if (k == 0)
+            return false;
+        i += k;
+    }
+    return true;
+}
+
+// Whether converting n bytes of src between the locale's encoding and UTF-8
+// (either way) gives the same bytes, so that no QString needs to be built:
+// ASCII under an ASCII-compatible encoding, or well-formed UTF-8 under
+// UTF-8. A leading byte order mark is left to Qt, which drops it, and so is
+// malformed UTF-8, which Qt replaces.
+bool passesUnchanged(const char* src, long n)
+{
+    const LocaleCodec& lc = localeCodecInfo();
+    const auto* p = reinterpret_cast<const unsigned char*>(src);
+    const auto len = static_cast<std::size_t>(n);
+    if (lc.ascii && isAscii(p, len))
+        return true;
+    if (!lc.utf8 || (len >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF))
+        return false;
+    return isWellFormedUtf8(p, len);
 }
 
 // Input length in units; a negative len means NUL-terminated, a null src
@@ -165,12 +276,18 @@ long locToUtf8(const char* src, long len, char* dst, unsigned long dstLen)
 {
     if (!dst)
         return locToUtf8Length(src, len);
+    const int n = inputLength(src, len);
+    if (passesUnchanged(src, n))
+        return toBuffer(src ? src : "", n, dst, dstLen);
     const QByteArray r = fromLoc(src, len).toUtf8();
     return toBuffer(r.constData(), r.size(), dst, dstLen);
 }
 
 long locToUtf8(const char* src, long len, FlexBuff<char>& buf)
 {
+    const int n = inputLength(src, len);
+    if (passesUnchanged(src, n))
+        return toFlexBuff(src ? src : "", n, buf);
     const QByteArray r = fromLoc(src, len).toUtf8();
     return toFlexBuff(r.constData(), r.size(), buf);
 }
@@ -194,12 +311,18 @@ long utf8ToLoc(const char* src, long len, char* dst, unsigned long dstLen)
 {
     if (!dst)
         return utf8ToLocLength(src, len);
+    const int n = inputLength(src, len);
+    if (passesUnchanged(src, n))
+        return toBuffer(src ? src : "", n, dst, dstLen);
     const QByteArray r = toLoc(fromUtf8(src, len));
     return toBuffer(r.constData(), r.size(), dst, dstLen);
 }
 
 long utf8ToLoc(const char* src, long len, FlexBuff<char>& buf)
 {
+    const int n = inputLength(src, len);
+    if (passesUnchanged(src, n))
+        return toFlexBuff(src ? src : "", n, buf);
     const QByteArray r = toLoc(fromUtf8(src, len));
     return toFlexBuff(r.constData(), r.size(), buf);
 }

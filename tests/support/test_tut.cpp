@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QString>
+#include <QTextCodec>
 #include <QtGlobal>
 
 #include <clocale>
@@ -196,6 +197,35 @@ TEST_F(TutTest, Utf8LocaleTextPassesThroughAndBadInputIsReplaced)
     EXPECT_EQ(C(utf16ToUtf8(w.data(), 9, c)), text + '\0');
     EXPECT_EQ(C(locToUtf8("a\xff", 2, c)), std::string("a\xef\xbf\xbd", 5));
     EXPECT_EQ(C(utf8ToLoc("\xc3", 1, c)), std::string("\xef\xbf\xbd", 4));  // cut-off sequence
+}
+
+// Text that converts to itself skips Qt; the results must be Qt's exactly,
+// also for the sequences next to that way: malformed, overlong, surrogate,
+// beyond U+10FFFF, cut off, a byte order mark (which Qt drops at the start),
+// noncharacters, embedded NULs and a high byte after a run of ASCII words.
+TEST_F(TutTest, ShortWayForUnchangedTextGivesQtsResults)
+{
+    const std::string inputs[] = {
+        "plain ascii, longer than one word", std::string("a\0b", 3), "caf\xc3\xa9",
+        "\xf0\x9f\x98\x80", "\xc0\x80", "\xe0\x80\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80",
+        "\xf5\x80\x80\x80", "\xc3", "\xe2\x82", "\xef\xbb\xbf" "a", "a\xef\xbb\xbf",
+        "\xef\xbf\xbe", "\xef\xb7\x90", "\xf4\x8f\xbf\xbf", "12345678\xe9", "\x80", "\xff"};
+    for (const char* locale : {U8, L1, "C"}) {
+        ASSERT_TRUE(use(locale));
+        locToUtf8("", 0, c);  // installs the locale's codec for Qt
+        QTextCodec* codec = QTextCodec::codecForLocale();
+        for (const std::string& in : inputs) {
+            SCOPED_TRACE(std::string(locale) + " " + in);
+            const int n = static_cast<int>(in.size());
+            const QByteArray toLoc = codec->fromUnicode(QString::fromUtf8(in.data(), n));
+            const QByteArray toUtf8 = codec->toUnicode(in.data(), n).toUtf8();
+            EXPECT_EQ(C(utf8ToLoc(in.data(), n, c)), toLoc.toStdString() + '\0');
+            EXPECT_EQ(C(locToUtf8(in.data(), n, c)), toUtf8.toStdString() + '\0');
+            char buf[64];
+            EXPECT_EQ(utf8ToLoc(in.data(), n, buf, sizeof buf), toLoc.size());
+            EXPECT_EQ(std::string(buf, toLoc.size() + 1), toLoc.toStdString() + '\0');
+        }
+    }
 }
 
 TEST_F(TutTest, Latin1RoundTripsEveryByte)
