@@ -4,8 +4,9 @@ BUILD   ?= build
 ASAN    ?= build-asan
 JOBS    ?= $(shell nproc)
 CMAKE_FLAGS ?=
+PREFIX  ?= /usr/local
 
-.PHONY: all setup build run test sanitize bench clean
+.PHONY: all setup build run test sanitize bench install clean
 
 all: build
 
@@ -34,6 +35,10 @@ sanitize: setup $(ASAN)/CMakeCache.txt
 
 bench: build
 	$(BUILD)/bin/tamix_bench
+
+# The library, its header, the programs, tamix.pc and the CMake package.
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
 	rm -rf $(BUILD) $(ASAN)
