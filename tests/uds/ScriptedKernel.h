@@ -39,10 +39,12 @@ struct Scenario {
     explicit Scenario(const std::string& steps) {
         char tmpl[] = "/tmp/tamixtestXXXXXX";
         dir = mkdtemp(tmpl) ? tmpl : "/nonexistent";
-        std::ofstream(dir + "/script") << steps;
+        play(steps);
         setenv("TAMIX_SCRIPT", (dir + "/script").c_str(), 1);
         setenv("TAMIX_RECORD", (dir + "/rec").c_str(), 1);
     }
+    // Replaces the steps, for steps that name files of the scenario.
+    void play(const std::string& steps) const { std::ofstream(dir + "/script") << steps; }
     ~Scenario() { std::filesystem::remove_all(dir); }
     // What the kernel received, on all its connections.
     std::string received() const { return readFile(dir + "/rec"); }

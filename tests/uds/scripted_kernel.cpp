@@ -4,9 +4,11 @@
 // arguments to $TAMIX_RECORD.args and its process id to $TAMIX_RECORD.pid.
 // Steps (in TEXT, \n stands for a newline):
 //   listen | accept | wait_for TEXT | drain | send TEXT | sleep_ms N | close
-//   exit N | kill
+//   exit N | kill | poke FD | wait_zombie PIDFILE
 // All but listen work on the latest accepted connection; wait_for reads until
-// TEXT has arrived after the end of the previous match.
+// TEXT has arrived after the end of the previous match. poke writes one byte
+// to an inherited descriptor; wait_zombie waits until the process whose id
+// the file holds has ended (and is not yet reaped).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -76,6 +78,17 @@ int main(int argc, char** argv) {
             _exit(std::stoi(arg));
         } else if (op == "kill") {
             raise(SIGKILL);
+        } else if (op == "poke") {
+            if (write(std::stoi(arg), "!", 1) != 1)
+                return 94;
+        } else if (op == "wait_zombie") {
+            std::string pid;
+            std::ifstream(arg) >> pid;
+            for (std::string stat; stat.find(") Z") == std::string::npos; usleep(1000)) {
+                std::ifstream in("/proc/" + pid + "/stat");
+                if (!std::getline(in, stat))
+                    return 93;
+            }
         } else {
             return 95;
         }

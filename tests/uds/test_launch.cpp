@@ -70,16 +70,27 @@ TEST(UdsLaunch, FailuresGiveNullPromptlyAndRestoreSignals) {
 TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
     installMarkers();
     // Another child of the program that ends while the kernel starts up must
-    // not be taken for the kernel's death.
+    // not be taken for the kernel's death. The kernel itself lets that child
+    // end (through a pipe both inherit) and signals readiness only once it
+    // has, so its SIGCHLD surely comes during the wait.
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
     pid_t other = fork();
     if (other == 0) {
-        usleep(50000);
-        _exit(0);
+        char c;
+        _exit(read(go[0], &c, 1) == 1 ? 0 : 1);
     }
-    Scenario s("sleep_ms 300\nlisten\naccept\ndrain\nexit 0\n");
+    close(go[0]);
+    Scenario s("");
+    std::ofstream(s.dir + "/other.pid") << other;
+    s.play("poke " + std::to_string(go[1]) + "\nwait_zombie " + s.dir +
+           "/other.pid\nlisten\naccept\ndrain\nexit 0\n");
     TAM_KernelImpl* k = TAM_new_uds_kernel(TAMIX_SCRIPTED_KERNEL, nullptr);
+    close(go[1]);
     ASSERT_NE(k, nullptr);
-    EXPECT_EQ(waitpid(other, nullptr, 0), other);
+    int status = -1;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
     ASSERT_NE(TAM_get_listen_path(k), nullptr);
     const std::string listen = TAM_get_listen_path(k);
     EXPECT_EQ(s.args(), "tamix_scripted_kernel -X " + listen);  // argument 0 without its directory
