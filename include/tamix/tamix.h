@@ -508,10 +508,12 @@ TAMIX_API long TAM_get_client_id(TAM_KernelImpl* kernel);
  * Null for a null kernel. */
 TAMIX_API const char* TAM_get_kernel_name(TAM_KernelImpl* kernel);
 /* The socket of the connection's kernel process, for the front end's own
- * poll or select; all connections of one process share it. Read from it
- * only with TAM_read_uds_input; never read, write or close it yourself.
- * -1 once the kernel has quit and the socket is closed. 0 for a null
- * kernel, which is also a valid descriptor: check the handle first. */
+ * poll or select; all connections of one process share it. Leave the
+ * reading to TAM_read_uds_input or TAM_handle_uds_input, and never write to
+ * it or close it. (A recv with MSG_PEEK leaves the bytes where they are; it
+ * returns 0 when the kernel has closed its end without quitting.) -1 once
+ * the kernel has quit and the socket is closed. 0 for a null kernel, which
+ * is also a valid descriptor: check the handle first. */
 TAMIX_API int TAM_get_client_fd(TAM_KernelImpl* kernel);
 /* The path of the kernel's listening socket, by which other front ends can
  * join it (TAM_connect_uds_kernel). It belongs to the library and stays
