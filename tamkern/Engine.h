@@ -23,6 +23,9 @@ struct ResultStyle {
     std::string format = "text";  // text, tex, mathml or utf8
 };
 
+// The result formats an engine produces; ResultStyle::format is one of them.
+inline constexpr const char* ResultFormats[] = {"text", "tex", "mathml", "utf8"};
+
 // One piece of work for the worker.
 struct Job {
     enum Kind { Init, Command, Complete };

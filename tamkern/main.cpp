@@ -8,7 +8,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <unistd.h>
 
 #include "tamkern/Capture.h"
 #include "tamkern/Server.h"
@@ -57,8 +59,15 @@ int main(int argc, char** argv)
     capture.start();
     int status;
     {
-        tamkern::Server server(options, &capture);
+        tamkern::Server server(options, [&capture](tamkern::EngineHost& host) {
+            return std::make_unique<tamkern::Engine>(host, &capture);
+        });
         status = server.run();
+        // Destroying a stuck engine would wait for it again, in vain.
+        if (server.engineStuck()) {
+            capture.stop();
+            ::_exit(0);
+        }
     }
     capture.stop();
     return status;
