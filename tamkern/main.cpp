@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "tamkern/Capture.h"
+#include "tamkern/GiacEngine.h"
 #include "tamkern/Server.h"
 
 namespace {
@@ -60,7 +61,7 @@ int main(int argc, char** argv)
     int status;
     {
         tamkern::Server server(options, [&capture](tamkern::EngineHost& host) {
-            return std::make_unique<tamkern::Engine>(host, &capture);
+            return std::make_unique<tamkern::GiacEngine>(host, &capture);
         });
         status = server.run();
         // Destroying a stuck engine would wait for it again, in vain.
