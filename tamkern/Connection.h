@@ -57,11 +57,11 @@ public:
     // Bytes a connection may have waiting to be sent before the kernel gives
     // up on it (a client that never reads), besides the biggest message in
     // the queue: one huge result must not cost a client that does read.
-    static const std::size_t MaxQueued = 64u << 20;
+    static constexpr std::size_t MaxQueued = 64u << 20;
     // Requests of one connection that may wait for the engine before the
     // kernel stops reading from it until some have run: a client that sends
     // without pause must not fill the kernel's memory.
-    static const std::size_t MaxWaiting = 10000;
+    static constexpr std::size_t MaxWaiting = 10000;
 
 private:
     void deliver(Request& req);
