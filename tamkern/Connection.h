@@ -1,5 +1,4 @@
-// One client connection: its request reader, the bytes waiting to be sent in
-// order, and the limits that keep one client from costing the others.
+// One client connection of the kernel.
 #ifndef TAMKERN_CONNECTION_H
 #define TAMKERN_CONNECTION_H
 
@@ -12,6 +11,9 @@
 
 namespace tamkern {
 
+// A connected client socket: its request reader, the bytes waiting to be
+// sent in order, and the limits that keep one client from costing the
+// others.
 class Connection {
 public:
     using RequestSink = std::function<void(Connection&, Request&)>;
@@ -26,12 +28,15 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
+    // The id given at construction, and the socket.
     int id() const { return id_; }
     int fd() const { return fd_; }
+    // close() has been called: nothing more is read, sent or heard.
     bool closed() const { return closed_; }
     // The poll() events it waits for: input unless it reads no more or has
     // MaxWaiting requests waiting, output while bytes are unsent.
     short pollEvents() const;
+    // Bytes are queued that the socket has not taken yet.
     bool hasUnsent() const { return sent_ < out_.size(); }
 
     // Reads what the peer has sent, a bounded amount so that one busy peer

@@ -1,7 +1,4 @@
-// What the kernel does with the clients' requests: it announces clients,
-// answers at once what needs no evaluation (stop, status, answers to the
-// engine's questions), and queues the rest in arrival order, handing them to
-// the engine one job at a time.
+// What the kernel does with the clients' requests.
 #ifndef TAMKERN_DISPATCHER_H
 #define TAMKERN_DISPATCHER_H
 
@@ -14,6 +11,9 @@
 
 namespace tamkern {
 
+// Announces clients, answers at once what needs no evaluation (stop,
+// status, answers to the engine's questions), and queues the rest in arrival
+// order, handing them to the engine one job at a time.
 class Dispatcher {
 public:
     // What the dispatcher needs from the connections.
@@ -32,6 +32,7 @@ public:
         virtual void requestTaken(int conn) = 0;
     };
 
+    // Sends through host; jobs go to engine, which must have been started.
     Dispatcher(Host& host, Engine& engine);
 
     // A complete request from connection conn. Ignored once quitting.
@@ -47,6 +48,7 @@ public:
 
     // A client asked the kernel to quit: every connection has been told.
     bool quitting() const { return quitting_; }
+    // The clients, for the server to judge whether the kernel should end.
     const Session& session() const { return session_; }
 
 private:

@@ -1,6 +1,5 @@
-// The engine that computes with Giac on a worker thread of this process, so
-// that the server's loop stays responsive. Giac-free: Giac's headers are slow
-// to compile and are seen by GiacSession.cpp, GiacFunctions.cpp and
+// The Giac engine. This header is Giac-free: Giac's headers are slow to
+// compile and are seen by GiacSession.cpp, GiacFunctions.cpp and
 // GiacRender.cpp only.
 #ifndef TAMKERN_GIACENGINE_H
 #define TAMKERN_GIACENGINE_H
@@ -17,6 +16,9 @@ namespace tamkern {
 
 class OutputCapture;
 
+// Computes with Giac on a worker thread of this process, so that the
+// server's loop stays responsive. The Engine calls hand over under a lock and
+// return at once; the worker reports through the host.
 class GiacEngine final : public Engine {
 public:
     // Reports to host; what a command writes to descriptors 1 and 2 is

@@ -272,16 +272,7 @@ void GiacSession::evalParsed(const giac::gen& g, bool quiet, Outcome& out)
     else
         logBuf_.setSink([this](const std::string& l) { output("print", l); });
     std::string failure;
-    try {
-        out.value = g.eval(giac::eval_level(ctx_), ctx_);
-        out.ok = true;
-    } catch (const Failure& f) {
-        failure = f.what();
-    } catch (const std::exception& ex) {
-        failure = oneLine(ex.what());
-    } catch (...) {
-        failure = "unknown error";
-    }
+    out.ok = evalCatching(g, out.value, failure);
     logBuf_.setSink(nullptr);
     std::string captured = trimmed(takeCaptured());
     if (channel_->interrupted()) {
@@ -302,6 +293,22 @@ void GiacSession::evalParsed(const giac::gen& g, bool quiet, Outcome& out)
         out.nothing = out.value.type == giac::_VECT && out.value.subtype == giac::_SEQ__VECT &&
                       out.value._VECTptr->empty();
     }
+}
+
+// Evaluates g into value; false with the text to show if it throws.
+bool GiacSession::evalCatching(const giac::gen& g, giac::gen& value, std::string& failure)
+{
+    try {
+        value = g.eval(giac::eval_level(ctx_), ctx_);
+        return true;
+    } catch (const Failure& f) {
+        failure = f.what();
+    } catch (const std::exception& ex) {
+        failure = oneLine(ex.what());
+    } catch (...) {
+        failure = "unknown error";
+    }
+    return false;
 }
 
 void GiacSession::runCommand(const Job& j)

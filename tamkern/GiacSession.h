@@ -101,6 +101,7 @@ private:
     Outcome evaluate(const std::string& text, bool silent);
     bool parse(const std::string& text, bool silent, giac::gen& g, std::string& error);
     void evalParsed(const giac::gen& g, bool quiet, Outcome& out);
+    bool evalCatching(const giac::gen& g, giac::gen& value, std::string& failure);
     void post(std::string message);
     void output(const char* type, const std::string& text);
     std::string takeCaptured();

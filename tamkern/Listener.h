@@ -1,6 +1,4 @@
-// The kernel's listening socket: a Unix-domain socket that only the kernel's
-// own user may use, and that keeps refusing newcomers cleanly when the
-// process runs out of descriptors.
+// The kernel's listening socket.
 #ifndef TAMKERN_LISTENER_H
 #define TAMKERN_LISTENER_H
 
@@ -9,8 +7,12 @@
 
 namespace tamkern {
 
+// A Unix-domain socket at a path that only the kernel's own user may use,
+// which keeps refusing newcomers cleanly when the process runs out of
+// descriptors.
 class Listener {
 public:
+    // Nothing happens before open().
     explicit Listener(std::string path);
     // Closes the socket; the socket file stays (close() removes it).
     ~Listener();

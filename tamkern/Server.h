@@ -1,7 +1,4 @@
-// The kernel's main loop: one poll() over the listening socket, the
-// connections and a wake-up pipe, through which the engine's messages and the
-// SIGTERM handler reach it. Everything but post() and jobDone(), which the
-// engine may call from any thread, runs on the main thread.
+// The kernel's main loop.
 #ifndef TAMKERN_SERVER_H
 #define TAMKERN_SERVER_H
 
@@ -26,12 +23,17 @@ struct ServerOptions {
     bool standalone = false;  // --listen: outlive the clients, no SIGUSR1
 };
 
+// One poll() over the listening socket, the connections and a wake-up pipe,
+// through which the engine's messages and the SIGTERM handler reach it.
+// Everything but post() and jobDone(), which the engine may call from any
+// thread, runs on the thread that calls run().
 class Server : private EngineHost, private Dispatcher::Host {
 public:
     using EngineFactory = std::function<std::unique_ptr<Engine>(EngineHost&)>;
 
     // Makes the engine, which is started once the kernel listens.
     Server(ServerOptions options, const EngineFactory& makeEngine);
+    // Closes what is still open.
     ~Server() override;
 
     // Listens, tells the parent (unless standalone) and serves until the

@@ -1,5 +1,4 @@
-// The clients that share the kernel: their ids, what they announced, how
-// they want their results, and which connection each one speaks through.
+// The clients that share the kernel.
 #ifndef TAMKERN_SESSION_H
 #define TAMKERN_SESSION_H
 
@@ -12,6 +11,7 @@
 
 namespace tamkern {
 
+// One client: what it announced, and how it wants its results.
 struct Client {
     long id = -1;
     int conn = -1;  // the connection it was announced on, for good
@@ -19,9 +19,12 @@ struct Client {
     std::set<std::string> features;
     ResultStyle style;
 
+    // It announced this feature.
     bool has(const char* feature) const { return features.count(feature) != 0; }
 };
 
+// All clients of the kernel: their ids, and the connection each one speaks
+// through.
 class Session {
 public:
     // Records a client announced on connection conn with the given
@@ -35,6 +38,7 @@ public:
     // The clients of a connection, in the order they were announced.
     const std::vector<long>& of(int conn) const;
 
+    // No client is there now.
     bool empty() const { return clients_.empty(); }
     // Some client was announced at some time.
     bool everHadClient() const { return nextId_ > 1; }
