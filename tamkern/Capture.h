@@ -34,11 +34,6 @@ public:
     // caller must have flushed its own buffered streams first.
     std::string take();
 
-    // A stream buffer that adds to the captured text; std::cout and
-    // std::cerr are pointed at it while the capture runs, so that C++ stream
-    // output is caught whether or not descriptor 2 is redirected.
-    std::streambuf* streamBuf() { return &streamBuf_; }
-
     // Captured text kept at most; the rest is dropped with a note.
     static const std::size_t Limit = 64 * 1024;
 
@@ -67,6 +62,8 @@ private:
     std::string buffer_;
     bool truncated_ = false;
     std::thread thread_;
+    // std::cout and std::cerr point here while the capture runs, so that C++
+    // stream output is caught whether or not descriptor 2 is redirected.
     StreamBuf streamBuf_{*this};
     std::streambuf* oldCout_ = nullptr;
     std::streambuf* oldCerr_ = nullptr;

@@ -55,15 +55,6 @@ void wrapLine(std::string& out, std::string_view line, std::size_t width)
 
 } // namespace
 
-std::size_t charCount(std::string_view text)
-{
-    std::size_t n = 0;
-    for (char c : text)
-        if (!isContinuation(c))
-            ++n;
-    return n;
-}
-
 std::string wrapText(std::string_view text, long width)
 {
     if (width < 1)

@@ -26,9 +26,6 @@ std::string abbreviate(std::string_view text);
 // text without leading and trailing blanks, tabs and line ends.
 std::string trimmed(std::string_view text);
 
-// Number of characters (code points) in UTF-8 text.
-std::size_t charCount(std::string_view text);
-
 } // namespace tamkern
 
 #endif

@@ -8,9 +8,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <unistd.h>
 
 #include "tamkern/Capture.h"
+#include "tamkern/GiacEngine.h"
 #include "tamkern/Server.h"
 
 namespace {
@@ -57,8 +60,15 @@ int main(int argc, char** argv)
     capture.start();
     int status;
     {
-        tamkern::Server server(options, &capture);
+        tamkern::Server server(options, [&capture](tamkern::EngineHost& host) {
+            return std::make_unique<tamkern::GiacEngine>(host, &capture);
+        });
         status = server.run();
+        // Destroying a stuck engine would wait for it again, in vain.
+        if (server.engineStuck()) {
+            capture.stop();
+            ::_exit(0);
+        }
     }
     capture.stop();
     return status;

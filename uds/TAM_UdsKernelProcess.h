@@ -59,7 +59,6 @@ public:
     const char* get_listen_path() const { return listenPath_; }
     int get_pid() const { return pid_; }
     bool is_quitting() const { return quitting_; }
-    long ref_count() const { return refCount_; }
 
     // Puts a client that has announced itself into the pending list.
     int add_kernel(TAM_UdsKernel* kernel);

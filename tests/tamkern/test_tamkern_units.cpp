@@ -1,9 +1,21 @@
 // The kernel's Giac-free pieces, where the process tests cannot reach:
-// bytes Giac never hands over through a client, stream splits, limits.
+// bytes Giac never hands over through a client, stream splits, limits, and
+// orderings that a real engine leaves to chance.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <map>
+#include <memory>
+
+#include "tamkern/Connection.h"
+#include "tamkern/Dispatcher.h"
 #include "tamkern/Messages.h"
 #include "tamkern/Requests.h"
+#include "tamkern/Session.h"
 #include "tamkern/TextLayout.h"
 
 using namespace tamkern;
@@ -105,4 +117,180 @@ TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
     std::string head(AbbreviateHead, 'h'), tail(AbbreviateTail, 't');
     EXPECT_EQ(abbreviate(head + std::string(1000, 'm') + tail),
               head + " ...<<1000 characters omitted>>... " + tail);
+}
+
+TEST(TamkernUnits, SessionNumbersClientsInOrderAndKeepsThemToTheirConnection)
+{
+    Session s;
+    EXPECT_FALSE(s.everHadClient());
+    EXPECT_EQ(s.add(7, "a", " can_typeset  x ").id, 1);
+    EXPECT_EQ(s.add(8, "b", "").id, 2);
+    EXPECT_EQ(s.add(7, "c", "stay_alive").id, 3);
+    EXPECT_EQ(s.of(7), (std::vector<long>{1, 3}));
+    EXPECT_TRUE(s.find(1)->has("can_typeset") && s.find(1)->has("x"));
+    EXPECT_EQ(s.find(2)->conn, 8);
+    EXPECT_TRUE(s.remove(3));
+    EXPECT_FALSE(s.remove(3));
+    EXPECT_EQ(s.of(7), (std::vector<long>{1}));
+    EXPECT_TRUE(s.stayAlive()) << "asked once, for good";
+    s.remove(1);
+    s.remove(2);
+    EXPECT_TRUE(s.empty() && s.everHadClient() && s.of(7).empty());
+    EXPECT_EQ(s.find(1), nullptr);
+    EXPECT_EQ(s.add(7, "d", "").id, 4) << "ids are never given twice";
+}
+
+namespace {
+
+// A connection whose peer is the test's end of a socket pair.
+struct Peer {
+    int far = -1;
+    std::vector<std::string> heard;
+    int closes = 0;
+    std::unique_ptr<Connection> conn;
+
+    explicit Peer(const char* closeOn = "")
+    {
+        int sv[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+        ::fcntl(sv[0], F_SETFL, O_NONBLOCK);
+        far = sv[1];
+        conn = std::make_unique<Connection>(
+            1, sv[0],
+            [this, closeOn](Connection& c, Request& r) {
+                heard.push_back(requestName(r.kind));
+                if (heard.back() == closeOn)
+                    c.close("test");
+            },
+            [this](Connection&) { ++closes; });
+    }
+    ~Peer() { ::close(far); }
+    void say(const std::string& bytes) { ASSERT_EQ(::write(far, bytes.data(), bytes.size()), ssize_t(bytes.size())); }
+};
+
+} // namespace
+
+TEST(TamkernUnits, ConnectionBoundsUnreadBytesBesidesTheLargestMessage)
+{
+    Peer p;
+    // One message larger than the bound goes to a client that reads.
+    p.conn->send(std::string(Connection::MaxQueued + 1000, 'x'));
+    ASSERT_FALSE(p.conn->closed());
+    EXPECT_TRUE(p.conn->pollEvents() & POLLOUT);
+    // Up to the bound more may wait behind it; past it the client is one
+    // that does not read.
+    const std::string mb(1 << 20, 'y');
+    std::size_t taken = 0;
+    for (; taken < 2 * Connection::MaxQueued && !p.conn->closed(); taken += mb.size())
+        p.conn->send(mb);
+    EXPECT_TRUE(p.conn->closed());
+    EXPECT_EQ(p.closes, 1);
+    EXPECT_GT(taken, Connection::MaxQueued);
+    EXPECT_LT(taken, Connection::MaxQueued + (8u << 20)) << "the socket itself holds a few hundred KB at most";
+}
+
+TEST(TamkernUnits, ConnectionStopsHearingWhenClosedWaitingOrDone)
+{
+    // Too many requests waiting: no more reading until one is taken.
+    Peer p;
+    for (std::size_t i = 0; i < Connection::MaxWaiting; ++i)
+        p.conn->requestQueued();
+    EXPECT_EQ(p.conn->pollEvents(), 0);
+    p.conn->requestTaken();
+    EXPECT_EQ(p.conn->pollEvents(), POLLIN);
+
+    // Requests come whole however the bytes are cut; none after the last
+    // message, and an end in the middle of one closes the connection once.
+    p.say("<newclient/><st");
+    p.conn->readAvailable();
+    p.say("op/><init>");
+    p.conn->readAvailable();
+    EXPECT_EQ(p.heard, (std::vector<std::string>{"newclient", "stop"}));
+    ::shutdown(p.far, SHUT_WR);
+    p.conn->readAvailable();
+    EXPECT_TRUE(p.conn->closed());
+    p.conn->readAvailable();
+    EXPECT_EQ(p.closes, 1);
+
+    Peer last;
+    last.conn->sendLast("<quit/>");
+    last.say("<stop/>");
+    last.conn->readAvailable();
+    EXPECT_TRUE(last.heard.empty());
+    EXPECT_EQ(last.conn->pollEvents(), 0);
+    char buf[16] = {};
+    EXPECT_EQ(::read(last.far, buf, sizeof buf), 7);
+    EXPECT_STREQ(buf, "<quit/>");
+
+    // A request that closes the connection is the last one heard from it:
+    // the rest of the same chunk has nobody to speak for.
+    Peer closing("newclient");
+    closing.say("<newclient/><newclient/>");
+    closing.conn->readAvailable();
+    EXPECT_EQ(closing.heard, (std::vector<std::string>{"newclient"}));
+}
+
+namespace {
+
+struct FakeEngine : Engine {
+    std::vector<std::string> calls;
+    void start() override {}
+    void submit(Job j) override { calls.push_back("submit " + std::to_string(j.client) + " " + j.text); }
+    void interrupt(long c) override { calls.push_back("interrupt " + std::to_string(c)); }
+    void clientGone(long c) override { calls.push_back("gone " + std::to_string(c)); }
+    void answer(long c, Question, Answer a) override { calls.push_back("answer " + std::to_string(c) + " " + a.text); }
+    bool shutdown(int) override { return true; }
+};
+
+struct FakeConnections : Dispatcher::Host {
+    std::map<int, std::string> sent;
+    std::map<int, int> waiting;
+    void send(int conn, std::string bytes) override { sent[conn] += bytes; }
+    void sendLastToAll(std::string bytes) override { sent[0] += bytes; }
+    void requestQueued(int conn) override { ++waiting[conn]; }
+    void requestTaken(int conn) override { --waiting[conn]; }
+};
+
+void say(Dispatcher& d, int conn, const std::string& xml)
+{
+    RequestReader r([&](Request& q) { d.request(conn, q); });
+    ASSERT_TRUE(r.feed(xml.data(), static_cast<int>(xml.size())));
+}
+
+std::string cmd(int cl, const char* text)
+{
+    return "<cmd cl=\"" + std::to_string(cl) + "\"><text>" + text + "</text></cmd>";
+}
+
+} // namespace
+
+TEST(TamkernUnits, DispatcherRunsOneJobAtATimeAndForgetsWhatALeavingClientQueued)
+{
+    FakeEngine engine;
+    FakeConnections conns;
+    Dispatcher d(conns, engine);
+    say(d, 1, "<newclient/><newclient/>");
+    say(d, 2, "<newclient/>");
+    say(d, 1, cmd(1, "a") + cmd(2, "b") + "<textwidth cl=\"2\" value=\"5\"/>");
+    say(d, 2, cmd(3, "c"));
+    EXPECT_EQ(engine.calls, (std::vector<std::string>{"submit 1 a"}));
+    EXPECT_EQ(conns.waiting, (std::map<int, int>{{1, 2}, {2, 1}}));
+
+    // Stops and answers do not wait their turn.
+    say(d, 1, "<stop cl=\"2\"/><input cl=\"1\"><text>7</text></input>");
+    ASSERT_EQ(engine.calls.size(), 3u);
+    EXPECT_EQ(engine.calls[1], "interrupt 2");
+    EXPECT_EQ(engine.calls[2], "answer 1 7");
+
+    // A client that leaves takes its queued requests along, and its
+    // connection has them no longer waiting.
+    say(d, 1, "<quit cl=\"2\"/>");
+    EXPECT_EQ(engine.calls.back(), "gone 2");
+    EXPECT_EQ(conns.waiting, (std::map<int, int>{{1, 0}, {2, 1}}));
+    d.dispatch();
+    EXPECT_EQ(engine.calls.back(), "gone 2") << "busy until the job is done";
+    d.jobDone();
+    d.dispatch();
+    EXPECT_EQ(engine.calls.back(), "submit 3 c");
+    EXPECT_EQ(conns.sent[1].find("<textwidth"), std::string::npos) << conns.sent[1];
 }

@@ -1,0 +1,90 @@
+// One client connection of the kernel.
+#ifndef TAMKERN_CONNECTION_H
+#define TAMKERN_CONNECTION_H
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tamkern/Requests.h"
+
+namespace tamkern {
+
+// A connected client socket: its request reader, the bytes waiting to be
+// sent in order, and the limits that keep one client from costing the
+// others.
+class Connection {
+public:
+    using RequestSink = std::function<void(Connection&, Request&)>;
+    using CloseSink = std::function<void(Connection&)>;
+
+    // Takes over fd, a non-blocking stream socket. Complete requests go to
+    // onRequest while the connection is open; onClose is told once, at the
+    // moment it closes.
+    Connection(int id, int fd, RequestSink onRequest, CloseSink onClose);
+    // Shuts the socket down and closes it.
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // The id given at construction, and the socket.
+    int id() const { return id_; }
+    int fd() const { return fd_; }
+    // close() has been called: nothing more is read, sent or heard.
+    bool closed() const { return closed_; }
+    // The poll() events it waits for: input unless it reads no more or has
+    // MaxWaiting requests waiting, output while bytes are unsent.
+    short pollEvents() const;
+    // Bytes are queued that the socket has not taken yet.
+    bool hasUnsent() const { return sent_ < out_.size(); }
+
+    // Reads what the peer has sent, a bounded amount so that one busy peer
+    // cannot starve the others, and hands on the requests it completes. The
+    // end of the stream, a malformed stream and a read error close it.
+    void readAvailable();
+    // Sends queued bytes until the socket takes no more; a write error
+    // closes the connection.
+    void flush();
+    // Queues bytes behind those already queued and sends what the socket
+    // takes at once. Nothing happens once closed.
+    void send(std::string bytes);
+    // Queues the kernel's last message; from now on nothing is read.
+    void sendLast(std::string bytes);
+    // Marks the connection closed (logging why, if given) and tells the close
+    // sink. The socket stays open, and nothing is sent, until it is destroyed.
+    void close(const char* why);
+
+    // A request of this connection starts or stops waiting for the engine.
+    void requestQueued() { ++waiting_; }
+    void requestTaken() { --waiting_; }
+
+    // Bytes a connection may have waiting to be sent before the kernel gives
+    // up on it (a client that never reads), besides the biggest message in
+    // the queue: one huge result must not cost a client that does read.
+    static constexpr std::size_t MaxQueued = 64u << 20;
+    // Requests of one connection that may wait for the engine before the
+    // kernel stops reading from it until some have run: a client that sends
+    // without pause must not fill the kernel's memory.
+    static constexpr std::size_t MaxWaiting = 10000;
+
+private:
+    void deliver(Request& req);
+    void compact();
+
+    int id_;
+    int fd_;
+    RequestSink onRequest_;
+    CloseSink onClose_;
+    std::unique_ptr<RequestReader> reader_;
+    std::string out_;           // bytes not yet sent
+    std::size_t sent_ = 0;      // of out_
+    std::size_t largest_ = 0;   // biggest message queued since out_ was empty
+    std::size_t waiting_ = 0;   // requests waiting for the engine
+    bool reading_ = true;
+    bool closed_ = false;
+};
+
+} // namespace tamkern
+
+#endif

@@ -1,0 +1,186 @@
+#include "tamkern/Listener.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "tamkern/Capture.h"
+
+namespace tamkern {
+
+namespace {
+
+int openSpare()
+{
+    return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+socklen_t addressLength(const sockaddr_un& addr)
+{
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(addr.sun_path) + 1);
+}
+
+// A socket file left behind by a kernel that died can go; a live kernel or
+// any other file stays. true if the path is free now.
+bool clearStale(const sockaddr_un& addr)
+{
+    struct stat st;
+    if (::lstat(addr.sun_path, &st) != 0)
+        return true;
+    int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool live = probe >= 0 && ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), addressLength(addr)) == 0;
+    if (probe >= 0)
+        ::close(probe);
+    if (!S_ISSOCK(st.st_mode) || live) {
+        klog("%s exists and is %s", addr.sun_path, live ? "in use by a running kernel" : "not a socket");
+        return false;
+    }
+    ::unlink(addr.sun_path);
+    return true;
+}
+
+// Binds fd owner-only from the start: there is no moment in which another
+// user could connect.
+bool bindOwnerOnly(int fd, const sockaddr_un& addr)
+{
+    mode_t old = ::umask(077);
+    int rc = ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), addressLength(addr));
+    ::umask(old);
+    if (rc != 0) {
+        klog("bind %s: %s", addr.sun_path, std::strerror(errno));
+        return false;
+    }
+    ::chmod(addr.sun_path, 0600);
+    return true;
+}
+
+// The socket's permissions keep other users out already; the credentials are
+// checked as well, in case the path's directory or mode is changed.
+bool fromOwner(int fd)
+{
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+        klog("cannot read the peer's credentials: %s", std::strerror(errno));
+        return false;
+    }
+    if (cred.uid != ::geteuid()) {
+        klog("refused a connection from uid %u (pid %d)", static_cast<unsigned>(cred.uid),
+             static_cast<int>(cred.pid));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+Listener::Listener(std::string path) : path_(std::move(path)) {}
+
+Listener::~Listener()
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+    if (spareFd_ >= 0)
+        ::close(spareFd_);
+}
+
+bool Listener::open()
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path_.empty() || path_.size() >= sizeof addr.sun_path) {
+        klog("socket path is empty or too long: %s", path_.c_str());
+        return false;
+    }
+    std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        klog("socket: %s", std::strerror(errno));
+        return false;
+    }
+    if (!clearStale(addr) || !bindOwnerOnly(fd, addr)) {
+        ::close(fd);
+        return false;
+    }
+    if (::listen(fd, 16) != 0) {
+        klog("listen: %s", std::strerror(errno));
+        ::close(fd);
+        ::unlink(path_.c_str());
+        return false;
+    }
+    int fl = ::fcntl(fd, F_GETFL);
+    if (fl >= 0)
+        ::fcntl(fd, F_SETFL, fl | O_NONBLOCK);
+    fd_ = fd;
+    spareFd_ = openSpare();
+    return true;
+}
+
+std::vector<int> Listener::acceptAll()
+{
+    std::vector<int> accepted;
+    for (;;) {
+        int fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) {
+            if (fromOwner(fd))
+                accepted.push_back(fd);
+            else
+                ::close(fd);
+            continue;
+        }
+        int err = errno;
+        if (err == EINTR || err == ECONNABORTED)
+            continue;
+        if (err == EMFILE || err == ENFILE) {
+            klog("refused a connection: %s", std::strerror(err));
+            if (refuseOne())
+                continue;
+            paused_ = true;
+        } else if (err != EAGAIN && err != EWOULDBLOCK) {
+            klog("accept: %s", std::strerror(err));
+        }
+        return accepted;
+    }
+}
+
+// Out of descriptors: gives up the spare for a moment to take the waiting
+// connection and close it. false if there was nothing to refuse it with.
+bool Listener::refuseOne()
+{
+    if (spareFd_ < 0)
+        spareFd_ = openSpare();
+    if (spareFd_ < 0)
+        return false;
+    ::close(spareFd_);
+    int refused = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (refused >= 0)
+        ::close(refused);
+    spareFd_ = openSpare();
+    return refused >= 0;
+}
+
+int Listener::pollFd() const
+{
+    return paused_ ? -1 : fd_;
+}
+
+int Listener::pollTimeoutMs() const
+{
+    return paused_ ? 200 : -1;
+}
+
+void Listener::close()
+{
+    if (fd_ < 0)
+        return;
+    ::close(fd_);
+    fd_ = -1;
+    ::unlink(path_.c_str());
+}
+
+} // namespace tamkern
