@@ -7,23 +7,11 @@
 #include "support/TKT_stream.h"
 #include "support/Tut.h"
 
-TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok)
-{
-    std::memset(&zstream_, 0, sizeof(zstream_));
-    zstream_.next_in = Z_NULL;
-    zstream_.avail_in = 0;
-    zstream_.zalloc = Z_NULL;
-    zstream_.zfree = Z_NULL;
-    zstream_.opaque = Z_NULL;
-    // Not checked: a failed set-up shows as a failing payload later, and
-    // requests without payloads still work.
-    deflateInit(&zstream_, Z_DEFAULT_COMPRESSION);
-}
+// A failed set-up of the payload encoder shows as a failing payload later;
+// requests without payloads still work.
+TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok) {}
 
-TAM_XmsgKernel::~TAM_XmsgKernel()
-{
-    deflateEnd(&zstream_);
-}
+TAM_XmsgKernel::~TAM_XmsgKernel() = default;
 
 // ---- Framing ---------------------------------------------------------------
 

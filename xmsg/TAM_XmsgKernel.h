@@ -11,9 +11,9 @@
 #define TAMIX_XMSG_TAM_XMSGKERNEL_H
 
 #include <cstdint>
-#include <zlib.h>
 
 #include "kernel/TAM_KernelImpl.h"
+#include "support/TKpayload.h"
 
 class TKstream;
 
@@ -70,18 +70,22 @@ protected:
     void xput_ascii_cdata(const char* text);
     // The complete mcode element for data: format attribute, then the payload
     // deflated and base64 encoded. Nothing at all for a null record. Lets no
-    // exception out; zstream_ is back in its reset state on every path.
+    // exception out; the payload encoder is ready for the next payload on
+    // every path.
     void xput_mcode(const TAM_DataTAG* data);
 
-    // Deflate state for mcode payloads, reset after every payload so each one
-    // is an independent zlib stream.
-    z_stream zstream_;
+    // Encodes mcode payloads; one deflate state per connection, reset after
+    // every payload so each one is an independent zlib stream.
+    TKpayloadEncoder encoder_;
     // TKstream status of the request being written: Ok while every write has
     // succeeded, else the code of the first write that failed. Kept after
     // xend until the next xbegin, so a subclass may look at it.
     int64_t status_;
 
 private:
+    // Gives the encoder's text to the request stream as guarded writes.
+    struct RequestSink;
+
     // Writes len bytes through the escape table; runs of bytes that need no
     // escaping go out in one write.
     void xput_escaped(const char* text, unsigned long len);
