@@ -154,7 +154,6 @@ const char** strings(std::vector<char*>& v)
 
 TAM_XmsgParserHandler::TAM_XmsgParserHandler()
     : kernel_(nullptr),
-      inflater_(),
       hasData_(false),
       content_(512, 512),
       inText_(false),
@@ -164,14 +163,6 @@ TAM_XmsgParserHandler::TAM_XmsgParserHandler()
       fmtCount_(0),
       level_(0)
 {
-    inflater_.zalloc = Z_NULL;
-    inflater_.zfree = Z_NULL;
-    inflater_.opaque = Z_NULL;
-    inflater_.next_in = Z_NULL;
-    inflater_.avail_in = 0;
-    // Should this fail (no memory), inflate() reports a stream error and
-    // every payload comes out empty; the reader reports nothing by design.
-    inflateInit(&inflater_);
     // A message without text reads its content as the empty text.
     emptyContent();
 }
@@ -181,7 +172,6 @@ TAM_XmsgParserHandler::~TAM_XmsgParserHandler()
     clearDebugLists();
     for (char* s : fmtNames_)
         std::free(s);
-    inflateEnd(&inflater_);
 }
 
 // ---- names -----------------------------------------------------------------
@@ -257,49 +247,12 @@ void TAM_XmsgParserHandler::emptyContent()
     content_.rewind();
 }
 
-void TAM_XmsgParserHandler::decodeMCode()
-{
-    unsigned char in[1024];
-    unsigned char out[1024];
-    for (;;) {
-        const long n = decoder_.read(in, sizeof in);
-        if (n <= 0)
-            break;
-        inflater_.next_in = in;
-        inflater_.avail_in = static_cast<uInt>(n);
-        bool more = true;
-        while (more) {
-            inflater_.next_out = out;
-            inflater_.avail_out = sizeof out;
-            const int rc = inflate(&inflater_, Z_SYNC_FLUSH);
-            const unsigned long produced = sizeof out - inflater_.avail_out;
-            if (produced > 0) {
-                unsigned long count = 0;
-                if (content_.write(out, produced, count) != TKstream::Ok)
-                    goto done;
-            }
-            if (rc == Z_STREAM_END)
-                break;  // anything after the stream's end inflates to nothing
-            if (rc == Z_BUF_ERROR)
-                break;  // this block is used up (its output filled the buffer exactly): take the next
-            if (rc != Z_OK)
-                goto done;  // corrupt data
-            more = inflater_.avail_in > 0 || inflater_.avail_out == 0;
-        }
-    }
-done:
-    // The input block lives on this stack frame only.
-    inflater_.next_in = Z_NULL;
-    inflater_.avail_in = 0;
-}
-
+// The reader reports nothing: a damaged payload is delivered as far as it
+// decoded, and the decoder's result is not needed.
 void TAM_XmsgParserHandler::endMCode()
 {
-    decoder_.messageEnd();
-    decodeMCode();
-    // Every payload is its own zlib stream.
-    decoder_.reset();
-    inflateReset(&inflater_);
+    TKstreamSink sink(content_);
+    payload_.finish(sink);
     content_.rewind();
 }
 
@@ -316,8 +269,9 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         // A chunk that does not fit is lost; the message keeps what fitted.
         content_.write(buf.data(), static_cast<unsigned long>(n), count);
     } else if (inMCode_) {
-        decoder_.write(reinterpret_cast<const unsigned char*>(data), len);
-        decodeMCode();
+        // A failed append to the content loses the rest of this chunk only.
+        TKstreamSink sink(content_);
+        payload_.write(data, len, sink);
     }
 }
 
