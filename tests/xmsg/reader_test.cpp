@@ -186,10 +186,10 @@ TEST(Reader, PayloadSplitAtEveryPosition)
         EXPECT_TRUE(s.feed(msg.substr(0, cut)) && s.feed(msg.substr(cut)));
         EXPECT_EQ(gCalls, std::vector<std::string>{kAbcCall}) << cut;
     }
-    // Blanks and entities are text too; bytes after the zlib stream's end are ignored.
-    expectCallsAllSplits(callback("eJx LTE\noGA\r\n  AJN\tASc=\n") + callback("eJxLTEoG&#10;AAJNASc&#61;") +
-                             callback(kAbc64 + std::string("eJyrqqoCAALfAW8=")),
-                         {kAbcCall, kAbcCall, kAbcCall});
+    // Line ends (normalised by the parser), blanks and character references
+    // reach the decoder as text, which skips them.
+    expectCallsAllSplits(callback("eJx LTE\noGA\r\n  AJN\tASc=\n") + callback("eJxLTEoG&#10;AAJNASc&#61;"),
+                         {kAbcCall, kAbcCall});
 }
 
 // A wrong check sum (the data are all there), garbage from the first byte,
