@@ -51,6 +51,10 @@ protected:
     // Clears status_ and writes "<", the first len bytes of name and, when
     // the client has an id, ` cl="<id>"`. The start tag is left open.
     virtual void xbegin(const char* name, unsigned long len);
+    // xbegin with an element name given as a literal, whose length is known
+    // here: the requests use this.
+    template <unsigned long N>
+    void xbegin_lit(const char (&name)[N]) { xbegin(name, N - 1); }
     // 0 if any write of the request failed (the stream is then not flushed);
     // else flushes and returns 1 if that worked.
     virtual int xend();
@@ -85,6 +89,20 @@ protected:
 private:
     // Gives the encoder's text to the request stream as guarded writes.
     struct RequestSink;
+
+    // The requests that carry one value: <name cl="id" value="V"/>, where
+    // putValue() writes V. Returns xend().
+    template <unsigned long N, class PutValue>
+    int xsend_value(const char (&name)[N], PutValue putValue);
+    // The requests that carry nothing: <name cl="id"/>. Returns xend().
+    template <unsigned long N>
+    int xsend_empty(const char (&name)[N]);
+    // The start tag of a command: cookie, the no-history flag and a format
+    // (null or empty: none), closed with ">".
+    void xbegin_cmd(void* cookie, long flags, const char* format);
+    // <text format="_lan">text</text>, the text (null: none) in the user's
+    // locale.
+    void xput_lan_text(const char* text);
 
     // Writes len bytes through the escape table; runs of bytes that need no
     // escaping go out in one write.
