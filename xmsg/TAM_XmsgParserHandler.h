@@ -55,7 +55,8 @@ public:
         ElStatus = 28,
         ElSystem = 29,
         ElText = 30,
-        ElTextwidth = 31
+        ElTextwidth = 31,
+        ElCount = 32  // one past the highest id
     };
 
     // Attribute ids. 9 is not assigned; "enc" is known but read by nobody.
@@ -121,8 +122,6 @@ protected:
     // Finishes an mcode element: decodes the rest of its text, readies the
     // decoder for the next payload and terminates the content.
     void endMCode();
-    // Delivers a debugger list message after checking the list lengths.
-    void endDebugList(int id);
 
     TAM_KernelImpl* kernel_;          // current client, not owned
     TKpayloadDecoder payload_;        // text of an mcode element to bytes
@@ -141,6 +140,10 @@ protected:
     std::vector<long> dbgPositions_;
     std::vector<char*> dbgTexts_;     // locale, malloc'd
     int64_t level_;                   // "level" of callstack
+
+private:
+    // What each element does at its start and end tag; one rule per element.
+    struct Rules;
 };
 
 #endif
