@@ -307,21 +307,20 @@ struct TAM_XmsgParserHandler::Rules {
         Message,  // anywhere; forgets the current client and names its own in cl
         Part      // only while a message with a known client is current
     };
-    // State that a start tag resets before its attributes are read.
+    // State that a start tag resets before its attributes are read (what
+    // it keeps from them is set whether they are there or not).
     enum Reset : unsigned {
         Cookie = 1u << 0,
         Content = 1u << 1,  // hasData_, content_ and format_
         Lists = 1u << 2,    // the debugger lists
-        Level = 1u << 3,
-        Formats = 1u << 4,  // fmtCount_
-        TextFlag = 1u << 5  // textInput_
+        Formats = 1u << 3   // fmtCount_
     };
-    // Attributes that a start tag records in the parse state.
+    // Attributes that a start tag keeps in the parse state.
     enum Record : unsigned {
-        CidAsCookie = 1u << 0,
-        LevelAsLevel = 1u << 1,
-        TypeAsType = 1u << 2,  // only for a known client
-        TextAsTextFlag = 1u << 3
+        KeepCid = 1u << 0,       // as cookie_
+        KeepLevel = 1u << 1,     // as level_
+        KeepType = 1u << 2,      // as type_, only for a known client
+        KeepTextFlag = 1u << 3   // the text flag, as textInput_
     };
     // What the character data of the element is collected as.
     enum Opens : unsigned char { Nothing, Text, Payload };
@@ -364,23 +363,19 @@ struct TAM_XmsgParserHandler::Rules {
         }
         if (resets & Lists)
             h.clearDebugLists();
-        if (resets & Level)
-            h.level_ = 0;
         if (resets & Formats)
             h.fmtCount_ = 0;
-        if (resets & TextFlag)
-            h.textInput_ = 0;
     }
 
     static void record(H& h, unsigned records, Values v)
     {
-        if (records & CidAsCookie)
+        if (records & KeepCid)
             h.cookie_ = number(v[AtCid]);
-        if (records & LevelAsLevel)
+        if (records & KeepLevel)
             h.level_ = number(v[AtLevel]);
-        if ((records & TypeAsType) && h.kernel_)
+        if ((records & KeepType) && h.kernel_)
             h.type_.assign(raw(v[AtType]));  // keeps the capacity
-        if (records & TextAsTextFlag)
+        if (records & KeepTextFlag)
             h.textInput_ = flag(v[AtText]);
     }
 
@@ -610,32 +605,31 @@ struct TAM_XmsgParserHandler::Rules {
         {ElRoot, Stream, 0, 0, Nothing, nullptr, nullptr},
         {ElBreakpoints, Message, Lists, 0, Nothing, nullptr, endBreakpoints},
         {ElBreakpt, Part, 0, 0, Nothing, startItem<AtFname, AtCond, true>, nullptr},
-        {ElCallback, Message, Cookie | Content, CidAsCookie, Nothing, nullptr, endCallback},
-        {ElCallstack, Message, Lists | Level, LevelAsLevel, Nothing, nullptr, endCallstack},
-        {ElComplete, Message, Cookie, CidAsCookie, Nothing, notifyCookie<&K::on_complete_cmd>, nullptr},
+        {ElCallback, Message, Cookie | Content, KeepCid, Nothing, nullptr, endCallback},
+        {ElCallstack, Message, Lists, KeepLevel, Nothing, nullptr, endCallstack},
+        {ElComplete, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_complete_cmd>, nullptr},
         {ElCompletion, Message, 0, 0, Nothing, startCompletion, nullptr},
         {ElCsframe, Part, 0, 0, Nothing, startItem<AtFname, AtProc, true>, nullptr},
         {ElDbginfo, Message, 0, 0, Nothing, startDbginfo, nullptr},
         {ElDisplay, Message, Lists, 0, Nothing, nullptr, endDisplay},
         {ElDispvar, Part, 0, 0, Nothing, startItem<AtName, AtValue, false>, nullptr},
-        {ElFinished, Message, Cookie, CidAsCookie, Nothing, notifyCookie<&K::on_finished>, nullptr},
+        {ElFinished, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_finished>, nullptr},
         {ElFmt, Part, 0, 0, Nothing, startFmt, nullptr},
-        {ElFormat, Message, Formats, TypeAsType, Nothing, nullptr, endFormat},
+        {ElFormat, Message, Formats, KeepType, Nothing, nullptr, endFormat},
         {ElFrame, Message, 0, 0, Nothing, notifyText<&K::on_frame_changed>, nullptr},
         {ElHelp, Message, 0, 0, Nothing, notifyText<&K::on_help>, nullptr},
         {ElMcode, Part, 0, 0, Payload, nullptr, endMCode},
-        {ElOutput, Message, Cookie | Content, CidAsCookie | TypeAsType, Nothing, nullptr, endOutput},
-        {ElPlotfile, Message, Cookie, CidAsCookie, Nothing, startPlotfile, nullptr},
+        {ElOutput, Message, Cookie | Content, KeepCid | KeepType, Nothing, nullptr, endOutput},
+        {ElPlotfile, Message, Cookie, KeepCid, Nothing, startPlotfile, nullptr},
         {ElPrettyprint, Message, 0, 0, Nothing, notifyFlag<&K::on_pretty_print_changed>, nullptr},
         {ElAbbreviateoutput, Message, 0, 0, Nothing, notifyFlag<&K::on_abbreviate_output_changed>, nullptr},
         {ElQuit, Stream, 0, 0, Nothing, startQuit, nullptr},
         {ElReady, Message, 0, 0, Nothing, notify<&K::on_kernel_ready>, nullptr},
         {ElReset, Message, 0, 0, Nothing, notify<&K::on_reset>, nullptr},
-        {ElSelformat, Message, Formats, TypeAsType, Nothing, nullptr, endSelformat},
-        {ElSenddbgcmd, Message, Cookie, CidAsCookie, Nothing, notifyCookie<&K::on_dbg_cmd_wanted>, nullptr},
+        {ElSelformat, Message, Formats, KeepType, Nothing, nullptr, endSelformat},
+        {ElSenddbgcmd, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_dbg_cmd_wanted>, nullptr},
         {ElSendinit, Message, 0, 0, Nothing, notify<&K::on_init_wanted>, nullptr},
-        {ElSendinput, Message, Cookie | Content | TextFlag, CidAsCookie | TextAsTextFlag, Nothing, nullptr,
-         endSendinput},
+        {ElSendinput, Message, Cookie | Content, KeepCid | KeepTextFlag, Nothing, nullptr, endSendinput},
         {ElStatus, Message, 0, 0, Nothing, startStatus, nullptr},
         {ElSystem, Message, 0, 0, Nothing, notifyText<&K::on_system>, nullptr},
         {ElText, Part, 0, 0, Text, nullptr, endText},

@@ -116,6 +116,18 @@ TEST(Reader, UnknownElementsAndClientsGetNothing)
     EXPECT_EQ(gCalls, std::vector<std::string>{"#2 output 0 '' '' ''"});
 }
 
+// A text or mcode element after its message has ended still collects for
+// that message's client, but a content message that follows starts empty.
+TEST(Reader, StrayContentStaysOutOfTheNextMessage)
+{
+    expectCallsAllSplits("<output cl=\"1\"><text>a</text></output><text format=\"s\">stray</text>"
+                         "<callback cl=\"1\" cid=\"2\"/><text>p</text><sendinput cl=\"1\"/>"
+                         "<mcode format=\"m\">eJxLTEoGAAJNASc=</mcode><output cl=\"1\"/>"
+                         "<output cl=\"2\"><text>u</text></output>",
+                         {"#1 output 0 '' '' 'a'", "#1 callback 2 '' 0 ''", "#1 input_wanted 0 0 ''",
+                          "#1 output 0 '' '' ''", "#2 output 0 '' '' 'u'"});
+}
+
 TEST(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
 {
     Session s;
