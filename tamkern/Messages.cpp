@@ -1,9 +1,10 @@
 #include "tamkern/Messages.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <zlib.h>
 
-#include "support/TKbase64.h"
+#include "support/TKT_stream.h"
+#include "support/TKpayload.h"
 
 namespace tamkern {
 
@@ -88,50 +89,38 @@ std::string escaped(std::string_view text)
     return out;
 }
 
+namespace {
+
+// Appends a payload codec's output to a string, refusing what would take
+// it beyond limit bytes.
+class StringSink : public TKpayloadSink {
+public:
+    StringSink(std::string& out, std::size_t limit) : out_(out), limit_(limit) {}
+
+    long put(const unsigned char* data, unsigned long len) override
+    {
+        if (len > limit_ - std::min(limit_, out_.size()))
+            return TKstream::OutOfMemory;
+        out_.append(reinterpret_cast<const char*>(data), len);
+        return TKstream::Ok;
+    }
+
+private:
+    std::string& out_;
+    std::size_t limit_;
+};
+
+} // namespace
+
 void appendMCode(std::string& out, std::string_view format, std::string_view bytes)
 {
     out += "<mcode format=\"";
     appendEscaped(out, format);
     out += "\">";
-    z_stream z{};
-    if (deflateInit(&z, Z_DEFAULT_COMPRESSION) != Z_OK) {
-        out += "</mcode>";
-        return;
-    }
-    TKbase64Encoder enc;
-    unsigned char zbuf[1024];
-    unsigned char cbuf[1400];
-    auto drainEncoder = [&]() {
-        long n;
-        while ((n = enc.read(cbuf, sizeof cbuf)) > 0)
-            out.append(reinterpret_cast<const char*>(cbuf), static_cast<std::size_t>(n));
-    };
-    const unsigned char* src = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::size_t left = bytes.size();
-    int rc = Z_OK;
-    while (rc != Z_STREAM_END) {
-        if (z.avail_in == 0 && left > 0) {
-            // Feed in pieces: zlib counts its input in 32 bits.
-            uInt piece = static_cast<uInt>(std::min<std::size_t>(left, 1u << 30));
-            z.next_in = const_cast<unsigned char*>(src);
-            z.avail_in = piece;
-            src += piece;
-            left -= piece;
-        }
-        z.next_out = zbuf;
-        z.avail_out = sizeof zbuf;
-        rc = deflate(&z, left > 0 ? Z_NO_FLUSH : Z_FINISH);
-        std::size_t produced = sizeof zbuf - z.avail_out;
-        if (produced > 0) {
-            enc.write(zbuf, static_cast<long>(produced));
-            drainEncoder();
-        }
-        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR)
-            break;
-    }
-    enc.messageEnd();
-    drainEncoder();
-    deflateEnd(&z);
+    // A compressor that fails (no memory) leaves the text short; the element
+    // is closed all the same so that the stream stays well-formed.
+    StringSink sink(out, std::string::npos);
+    TKpayloadEncoder().encode(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), sink);
     out += "</mcode>";
 }
 
@@ -141,42 +130,11 @@ bool decodeMCode(std::string_view base64, std::string& bytes)
     // payloads that inflate enormously.
     const std::size_t MaxPayload = 16u << 20;
     bytes.clear();
-    z_stream z{};
-    if (inflateInit(&z) != Z_OK)
+    StringSink sink(bytes, MaxPayload);
+    TKpayloadDecoder decoder;
+    if (decoder.write(base64.data(), static_cast<long>(base64.size()), sink) == TKpayloadDecoder::SinkFailed)
         return false;
-    TKbase64Decoder dec;
-    unsigned char ibuf[1024];
-    unsigned char obuf[4096];
-    bool ended = false, failed = false;
-    auto inflateSome = [&](long n) {
-        z.next_in = ibuf;
-        z.avail_in = static_cast<uInt>(n);
-        do {
-            z.next_out = obuf;
-            z.avail_out = sizeof obuf;
-            int rc = inflate(&z, Z_NO_FLUSH);
-            bytes.append(reinterpret_cast<const char*>(obuf), sizeof obuf - z.avail_out);
-            if (rc == Z_STREAM_END) {
-                ended = true;
-                return;
-            }
-            if (rc == Z_BUF_ERROR)
-                return;  // wants more input
-            if (rc != Z_OK || bytes.size() > MaxPayload) {
-                failed = true;
-                return;
-            }
-        } while (z.avail_in > 0 || z.avail_out == 0);
-    };
-    dec.write(reinterpret_cast<const unsigned char*>(base64.data()), static_cast<long>(base64.size()));
-    long n;
-    while (!ended && !failed && (n = dec.read(ibuf, sizeof ibuf)) > 0)
-        inflateSome(n);
-    dec.messageEnd();
-    while (!ended && !failed && (n = dec.read(ibuf, sizeof ibuf)) > 0)
-        inflateSome(n);
-    inflateEnd(&z);
-    return ended && !failed;
+    return decoder.finish(sink) == TKpayloadDecoder::End;
 }
 
 Message::Message(const char* name, long cl) : name_(name)

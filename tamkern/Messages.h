@@ -21,7 +21,8 @@ std::string escaped(std::string_view text);
 void appendMCode(std::string& out, std::string_view format, std::string_view bytes);
 
 // Decodes the base64 text of an mcode element and inflates it. false when the
-// data is not a complete zlib stream; bytes then holds what inflated.
+// data is not a complete zlib stream or inflates to more than 16 MiB; bytes
+// then holds what inflated (at most 16 MiB).
 bool decodeMCode(std::string_view base64, std::string& bytes);
 
 // A message under construction: <name cl="N" ...> with attributes appended

@@ -3,27 +3,16 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "support/TKT_stream.h"
 #include "support/Tut.h"
 
-TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok)
-{
-    std::memset(&zstream_, 0, sizeof(zstream_));
-    zstream_.next_in = Z_NULL;
-    zstream_.avail_in = 0;
-    zstream_.zalloc = Z_NULL;
-    zstream_.zfree = Z_NULL;
-    zstream_.opaque = Z_NULL;
-    // Not checked: a failed set-up shows as a failing payload later, and
-    // requests without payloads still work.
-    deflateInit(&zstream_, Z_DEFAULT_COMPRESSION);
-}
+// A failed set-up of the payload encoder shows as a failing payload later;
+// requests without payloads still work.
+TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok) {}
 
-TAM_XmsgKernel::~TAM_XmsgKernel()
-{
-    deflateEnd(&zstream_);
-}
+TAM_XmsgKernel::~TAM_XmsgKernel() = default;
 
 // ---- Framing ---------------------------------------------------------------
 
@@ -67,7 +56,10 @@ void TAM_XmsgKernel::xput_int(long value)
 
 void TAM_XmsgKernel::xput_bool(int value)
 {
-    xput_raw(value ? "1" : "0", 1);
+    if (value)
+        xput_lit("1");
+    else
+        xput_lit("0");
 }
 
 void TAM_XmsgKernel::xput_cookie(void* cookie)
@@ -77,56 +69,50 @@ void TAM_XmsgKernel::xput_cookie(void* cookie)
     xput_int(static_cast<long>(reinterpret_cast<intptr_t>(cookie)));
 }
 
+namespace {
+
+// The escape table, for attribute values and element content alike: tab
+// and line ends and every byte from 0x20 up pass unchanged, except the five
+// markup characters.
+bool passesUnchanged(unsigned char c)
+{
+    if (c < 0x20)
+        return c == '\t' || c == '\n' || c == '\r';
+    return c != '"' && c != '&' && c != '\'' && c != '<' && c != '>';
+}
+
+// What a byte that does not pass becomes: its entity, or nothing for the
+// other control bytes, which XML 1.0 cannot carry at all.
+std::string_view replacement(unsigned char c)
+{
+    switch (c) {
+    case '"': return "&quot;";
+    case '&': return "&amp;";
+    case '\'': return "&apos;";
+    case '<': return "&lt;";
+    case '>': return "&gt;";
+    default: return {};
+    }
+}
+
+} // namespace
+
 void TAM_XmsgKernel::xput_escaped(const char* text, unsigned long len)
 {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
-    const unsigned char* end = p + len;
-    const unsigned char* run = p;
-    for (; p < end; ++p) {
-        unsigned char c = *p;
-        const char* rep;
-        unsigned long repLen;
-        switch (c) {
-        case '\t':
-        case '\n':
-        case '\r':
+    const char* const end = text + len;
+    const char* run = text;
+    for (const char* p = text; p < end; ++p) {
+        if (passesUnchanged(static_cast<unsigned char>(*p)))
             continue;
-        case '"':
-            rep = "&quot;";
-            repLen = 6;
-            break;
-        case '&':
-            rep = "&amp;";
-            repLen = 5;
-            break;
-        case '\'':
-            rep = "&apos;";
-            repLen = 6;
-            break;
-        case '<':
-            rep = "&lt;";
-            repLen = 4;
-            break;
-        case '>':
-            rep = "&gt;";
-            repLen = 4;
-            break;
-        default:
-            if (c >= 0x20)
-                continue;
-            // Other control bytes cannot appear in XML 1.0 at all: drop them.
-            rep = nullptr;
-            repLen = 0;
-            break;
-        }
         if (p > run)
-            xput_raw(reinterpret_cast<const char*>(run), static_cast<unsigned long>(p - run));
-        if (rep)
-            xput_raw(rep, repLen);
+            xput_raw(run, static_cast<unsigned long>(p - run));
+        const std::string_view rep = replacement(static_cast<unsigned char>(*p));
+        if (!rep.empty())
+            xput_raw(rep.data(), rep.size());
         run = p + 1;
     }
-    if (p > run)
-        xput_raw(reinterpret_cast<const char*>(run), static_cast<unsigned long>(p - run));
+    if (end > run)
+        xput_raw(run, static_cast<unsigned long>(end - run));
 }
 
 void TAM_XmsgKernel::xput_ascii_cdata(const char* text)
@@ -151,58 +137,126 @@ void TAM_XmsgKernel::xput_cdata(const char* text)
     }
 }
 
+// ---- Shared pieces of requests ---------------------------------------------
+
+namespace {
+
+// A word of the announcement and the bit or value that selects it.
+struct Word {
+    long key;
+    std::string_view text;
+};
+
+// One word, each with its trailing blank, for every bit set, in table order.
+const Word kFeatureWords[] = {
+    {TAM_FEATURE_STAY_ALIVE, "stay_alive "},
+    {TAM_FEATURE_COMPLETE_COMMANDS, "complete_commands "},
+    {TAM_FEATURE_CAN_DEBUG, "can_debug "},
+    {TAM_FEATURE_CAN_LAZY_DEBUG, "can_lazy_debug "},
+    {TAM_FEATURE_DEBUGGER_UI, "debugger_ui "},
+    {TAM_FEATURE_CAN_PLOT, "can_plot "},
+    {TAM_FEATURE_CAN_INPUT, "can_input "},
+    {TAM_FEATURE_CAN_TEXTINPUT, "can_textinput "},
+    {TAM_FEATURE_CAN_HELP, "can_help "},
+    {TAM_FEATURE_CAN_HELP_DVI, "can_help_dvi "},
+    {TAM_FEATURE_CAN_BROWSE_HELP, "can_browse_help "},
+    {TAM_FEATURE_CAN_EXEC_SYSTEM, "can_exec_system "},
+    {TAM_FEATURE_CAN_QUIT, "can_quit "},
+    {TAM_FEATURE_CAN_CALLBACK, "can_callback "},
+    {TAM_FEATURE_CAN_TYPESET, "can_typeset "},
+    {TAM_FEATURE_CAN_PROTOCOL, "can_protocol "},
+};
+const Word kCodingWords[] = {
+    {TAM_CODING_REF, "ref "},
+    {TAM_CODING_IDENT, "ident "},
+    {TAM_CODING_PROP, "prop "},
+};
+// One word for the values listed, nothing for any other.
+const Word kLongFormats[] = {{TAM_LONGFMT_TEXT, "text"}, {TAM_LONGFMT_GMP, "gmp"}};
+const Word kFloatFormats[] = {{TAM_FLOATFMT_IEEE, "ieee"}, {TAM_FLOATFMT_TEXT, "text"}};
+
+template <std::size_t N, class Put>
+void putBitWords(const Word (&table)[N], long bits, Put put)
+{
+    for (const Word& w : table)
+        if (bits & w.key)
+            put(w.text);
+}
+
+template <std::size_t N, class Put>
+void putValueWord(const Word (&table)[N], long value, Put put)
+{
+    for (const Word& w : table)
+        if (w.key == value)
+            return put(w.text);
+}
+
+} // namespace
+
+template <unsigned long N, class PutValue>
+int TAM_XmsgKernel::xsend_value(const char (&name)[N], PutValue putValue)
+{
+    xbegin_lit(name);
+    xput_lit(" value=\"");
+    putValue();
+    xput_lit("\"/>");
+    return xend();
+}
+
+template <unsigned long N>
+int TAM_XmsgKernel::xsend_empty(const char (&name)[N])
+{
+    xbegin_lit(name);
+    xput_lit("/>");
+    return xend();
+}
+
+void TAM_XmsgKernel::xbegin_cmd(void* cookie, long flags, const char* format)
+{
+    xbegin_lit("cmd");
+    xput_lit(" cid=\"");
+    xput_cookie(cookie);
+    if (flags & TAM_CMD_NO_HISTORY)
+        xput_lit("\" flags=\"no_history");
+    if (format && *format) {
+        xput_lit("\" format=\"");
+        xput_ascii_cdata(format);
+    }
+    xput_lit("\">");
+}
+
+void TAM_XmsgKernel::xput_lan_text(const char* text)
+{
+    xput_lit("<text format=\"");
+    xput_lit("_lan");
+    xput_lit("\">");
+    xput_cdata(text);
+    xput_lit("</text>");
+}
+
 // ---- Requests --------------------------------------------------------------
 
 int TAM_XmsgKernel::send_new_client(const char* name, const char* frame, long features,
                                     unsigned char longfmt, unsigned char floatfmt,
                                     unsigned char coding)
 {
-    xbegin("newclient", 9);
+    const auto put = [this](std::string_view word) { xput_raw(word.data(), word.size()); };
+    xbegin_lit("newclient");
     xput_lit(" name =\"");
     xput_cdata(name);
     xput_lit("\" frame=\"");
     xput_cdata(frame);
-
     xput_lit("\" longfmt=\"");
-    if (longfmt == 2)
-        xput_lit("text");
-    else if (longfmt == 3)
-        xput_lit("gmp");
-
+    putValueWord(kLongFormats, longfmt, put);
     xput_lit("\" floatfmt=\"");
-    if (floatfmt == 1)
-        xput_lit("ieee");
-    else if (floatfmt == 2)
-        xput_lit("text");
-
+    putValueWord(kFloatFormats, floatfmt, put);
     xput_lit("\" coding=\"");
-    if (coding == 0) {
+    if (coding == TAM_CODING_FLAT)
         xput_lit("flat");
-    } else {
-        if (coding & 0x01)
-            xput_lit("ref ");
-        if (coding & 0x04)
-            xput_lit("ident ");
-        if (coding & 0x02)
-            xput_lit("prop ");
-    }
-
+    else
+        putBitWords(kCodingWords, coding, put);
     xput_lit("\" features=\"");
-    static const struct {
-        long bit;
-        const char* word;
-    } kFeatures[] = {
-        {0x1, "stay_alive "},       {0x2, "complete_commands "}, {0x4, "can_debug "},
-        {0x8, "can_lazy_debug "},   {0x10, "debugger_ui "},      {0x20, "can_plot "},
-        {0x400, "can_input "},      {0x800, "can_textinput "},   {0x1000, "can_help "},
-        {0x2000, "can_help_dvi "},  {0x4000, "can_browse_help "}, {0x8000, "can_exec_system "},
-        {0x10000, "can_quit "},     {0x20000, "can_callback "},  {0x40000, "can_typeset "},
-        {0x80000, "can_protocol "},
-    };
-    for (const auto& f : kFeatures) {
-        if (features & f.bit)
-            xput_raw(f.word, std::strlen(f.word));
-    }
+    putBitWords(kFeatureWords, features, put);
     xput_lit("\"/>");
     // The first request of a connection: the transport sends it itself, so
     // nothing is flushed here.
@@ -211,7 +265,7 @@ int TAM_XmsgKernel::send_new_client(const char* name, const char* frame, long fe
 
 int TAM_XmsgKernel::send_init(long argc, const char** argv)
 {
-    xbegin("init", 4);
+    xbegin_lit("init");
     xput_lit(">");
     for (long i = 0; i < argc; ++i) {
         xput_lit("<iarg value=\"");
@@ -224,21 +278,8 @@ int TAM_XmsgKernel::send_init(long argc, const char** argv)
 
 int TAM_XmsgKernel::send_cmd(void* cookie, const char* cmd, long flags, const char* format)
 {
-    xbegin("cmd", 3);
-    xput_lit(" cid=\"");
-    xput_cookie(cookie);
-    if (flags & 1)
-        xput_lit("\" flags=\"no_history");
-    if (format && *format) {
-        xput_lit("\" format=\"");
-        xput_ascii_cdata(format);
-    }
-    xput_lit("\">");
-    xput_lit("<text format=\"");
-    xput_ascii_cdata("_lan");
-    xput_lit("\">");
-    xput_cdata(cmd);
-    xput_lit("</text>");
+    xbegin_cmd(cookie, flags, format);
+    xput_lan_text(cmd);
     xput_lit("</cmd>");
     return xend();
 }
@@ -246,16 +287,7 @@ int TAM_XmsgKernel::send_cmd(void* cookie, const char* cmd, long flags, const ch
 int TAM_XmsgKernel::send_cmd_data(void* cookie, const TAM_DataTAG* data, long flags,
                                   const char* format)
 {
-    xbegin("cmd", 3);
-    xput_lit(" cid=\"");
-    xput_cookie(cookie);
-    if (flags & 1)
-        xput_lit("\" flags=\"no_history");
-    if (format && *format) {
-        xput_lit("\" format=\"");
-        xput_ascii_cdata(format);
-    }
-    xput_lit("\">");
+    xbegin_cmd(cookie, flags, format);
     xput_mcode(data);
     xput_lit("</cmd>");
     return xend();
@@ -263,17 +295,13 @@ int TAM_XmsgKernel::send_cmd_data(void* cookie, const TAM_DataTAG* data, long fl
 
 int TAM_XmsgKernel::send_completion_wanted(const char* text)
 {
-    xbegin("complete", 8);
-    xput_lit(" value=\"");
-    xput_cdata(text);
-    xput_lit("\"/>");
-    return xend();
+    return xsend_value("complete", [&] { xput_cdata(text); });
 }
 
 int TAM_XmsgKernel::send_dbg_cmd(unsigned char cmd, const char* fname, long fpos,
                                  const char* expr)
 {
-    xbegin("dbgcmd", 6);
+    xbegin_lit("dbgcmd");
     xput_lit(" cmd=\"");
     // Callers pass a printable letter, which goes out as itself. Anything
     // else must not break the kernel's parser: markup characters are
@@ -297,31 +325,23 @@ int TAM_XmsgKernel::send_dbg_cmd(unsigned char cmd, const char* fname, long fpos
 
 int TAM_XmsgKernel::send_system_result(long result)
 {
-    xbegin("sysresult", 9);
-    xput_lit(" value=\"");
-    xput_int(result);
-    xput_lit("\"/>");
-    return xend();
+    return xsend_value("sysresult", [&] { xput_int(result); });
 }
 
 int TAM_XmsgKernel::send_input(int canceled, const char* text)
 {
-    xbegin("input", 5);
+    xbegin_lit("input");
     xput_lit(" canceled=\"");
     xput_bool(canceled);
     xput_lit("\">");
-    xput_lit("<text format=\"");
-    xput_ascii_cdata("_lan");
-    xput_lit("\">");
-    xput_cdata(text);
-    xput_lit("</text>");
+    xput_lan_text(text);
     xput_lit("</input>");
     return xend();
 }
 
 int TAM_XmsgKernel::send_textinput(int canceled, const char* text)
 {
-    xbegin("textinput", 9);
+    xbegin_lit("textinput");
     xput_lit(" canceled=\"");
     xput_bool(canceled);
     xput_lit("\">");
@@ -332,7 +352,7 @@ int TAM_XmsgKernel::send_textinput(int canceled, const char* text)
 
 int TAM_XmsgKernel::send_call_result(int error, const TAM_DataTAG* data)
 {
-    xbegin("callresult", 10);
+    xbegin_lit("callresult");
     xput_lit(" error=\"");
     xput_bool(error);
     xput_lit("\">");
@@ -343,34 +363,22 @@ int TAM_XmsgKernel::send_call_result(int error, const TAM_DataTAG* data)
 
 int TAM_XmsgKernel::send_textwidth(long width)
 {
-    xbegin("textwidth", 9);
-    xput_lit(" value=\"");
-    xput_int(width);
-    xput_lit("\"/>");
-    return xend();
+    return xsend_value("textwidth", [&] { xput_int(width); });
 }
 
 int TAM_XmsgKernel::send_pretty_print(int on)
 {
-    xbegin("prettyprint", 11);
-    xput_lit(" value=\"");
-    xput_bool(on);
-    xput_lit("\"/>");
-    return xend();
+    return xsend_value("prettyprint", [&] { xput_bool(on); });
 }
 
 int TAM_XmsgKernel::send_abbreviate_output(int on)
 {
-    xbegin("abbreviateoutput", 16);
-    xput_lit(" value=\"");
-    xput_bool(on);
-    xput_lit("\"/>");
-    return xend();
+    return xsend_value("abbreviateoutput", [&] { xput_bool(on); });
 }
 
 int TAM_XmsgKernel::send_format(const char* name, const char* format)
 {
-    xbegin("format", 6);
+    xbegin_lit("format");
     xput_lit(" type=\"");
     xput_ascii_cdata(name);
     xput_lit("\" value=\"");
@@ -381,21 +389,15 @@ int TAM_XmsgKernel::send_format(const char* name, const char* format)
 
 int TAM_XmsgKernel::send_status_wanted()
 {
-    xbegin("sendstatus", 10);
-    xput_lit("/>");
-    return xend();
+    return xsend_empty("sendstatus");
 }
 
 int TAM_XmsgKernel::send_stop()
 {
-    xbegin("stop", 4);
-    xput_lit("/>");
-    return xend();
+    return xsend_empty("stop");
 }
 
 int TAM_XmsgKernel::send_quit()
 {
-    xbegin("quit", 4);
-    xput_lit("/>");
-    return xend();
+    return xsend_empty("quit");
 }

@@ -11,9 +11,9 @@
 #define TAMIX_XMSG_TAM_XMSGKERNEL_H
 
 #include <cstdint>
-#include <zlib.h>
 
 #include "kernel/TAM_KernelImpl.h"
+#include "support/TKpayload.h"
 
 class TKstream;
 
@@ -51,6 +51,10 @@ protected:
     // Clears status_ and writes "<", the first len bytes of name and, when
     // the client has an id, ` cl="<id>"`. The start tag is left open.
     virtual void xbegin(const char* name, unsigned long len);
+    // xbegin with an element name given as a literal, whose length is known
+    // here: the requests use this.
+    template <unsigned long N>
+    void xbegin_lit(const char (&name)[N]) { xbegin(name, N - 1); }
     // 0 if any write of the request failed (the stream is then not flushed);
     // else flushes and returns 1 if that worked.
     virtual int xend();
@@ -70,18 +74,36 @@ protected:
     void xput_ascii_cdata(const char* text);
     // The complete mcode element for data: format attribute, then the payload
     // deflated and base64 encoded. Nothing at all for a null record. Lets no
-    // exception out; zstream_ is back in its reset state on every path.
+    // exception out; the payload encoder is ready for the next payload on
+    // every path.
     void xput_mcode(const TAM_DataTAG* data);
 
-    // Deflate state for mcode payloads, reset after every payload so each one
-    // is an independent zlib stream.
-    z_stream zstream_;
+    // Encodes mcode payloads; one deflate state per connection, reset after
+    // every payload so each one is an independent zlib stream.
+    TKpayloadEncoder encoder_;
     // TKstream status of the request being written: Ok while every write has
     // succeeded, else the code of the first write that failed. Kept after
     // xend until the next xbegin, so a subclass may look at it.
     int64_t status_;
 
 private:
+    // Gives the encoder's text to the request stream as guarded writes.
+    struct RequestSink;
+
+    // The requests that carry one value: <name cl="id" value="V"/>, where
+    // putValue() writes V. Returns xend().
+    template <unsigned long N, class PutValue>
+    int xsend_value(const char (&name)[N], PutValue putValue);
+    // The requests that carry nothing: <name cl="id"/>. Returns xend().
+    template <unsigned long N>
+    int xsend_empty(const char (&name)[N]);
+    // The start tag of a command: cookie, the no-history flag and a format
+    // (null or empty: none), closed with ">".
+    void xbegin_cmd(void* cookie, long flags, const char* format);
+    // <text format="_lan">text</text>, the text (null: none) in the user's
+    // locale.
+    void xput_lan_text(const char* text);
+
     // Writes len bytes through the escape table; runs of bytes that need no
     // escaping go out in one write.
     void xput_escaped(const char* text, unsigned long len);

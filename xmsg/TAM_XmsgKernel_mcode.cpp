@@ -1,20 +1,21 @@
-// Writing mcode payloads: the payload is deflated (zlib format) and the
-// compressed bytes are base64 encoded as they come out, so the payload is
-// never copied whole and the base64 text is never held whole either.
-#include <climits>
-
+// Writing mcode payloads: the payload encoder deflates the bytes and hands
+// the base64 text over piece by piece, so neither the payload nor its text
+// is ever copied whole.
 #include "support/TKT_stream.h"
-#include "support/TKbase64.h"
 #include "xmsg/TAM_XmsgKernel.h"
 
-namespace {
+struct TAM_XmsgKernel::RequestSink : TKpayloadSink {
+    explicit RequestSink(TAM_XmsgKernel& kernel) : kernel_(kernel) {}
 
-const unsigned kDeflateOut = 1024;
-// One full pass of 1024 bytes plus the at most 2 bytes the encoder carries
-// over make 342 groups (1368 characters).
-const long kBase64Batch = 1370;
+    // A failed write stays in status_ and stops the encoder.
+    long put(const unsigned char* data, unsigned long len) override
+    {
+        kernel_.xput_raw(reinterpret_cast<const char*>(data), len);
+        return kernel_.status_;
+    }
 
-} // namespace
+    TAM_XmsgKernel& kernel_;
+};
 
 void TAM_XmsgKernel::xput_mcode(const TAM_DataTAG* data)
 {
@@ -23,75 +24,19 @@ void TAM_XmsgKernel::xput_mcode(const TAM_DataTAG* data)
     xput_lit("<mcode format=\"");
     xput_ascii_cdata(data->format);
     xput_lit("\">");
-
     try {
-        unsigned char out[kDeflateOut];
-        unsigned char chars[kBase64Batch];
-        TKbase64Encoder encoder;
-
-        // zlib counts its input in 32 bits. Payloads of 4 GiB or more are fed
-        // in pieces of at most UINT_MAX bytes, so every length works instead
-        // of silently losing the high bits; only the last piece finishes the
-        // stream.
-        const unsigned char* next = data->data;
-        uint64_t left = data->length;
-        auto feed = [&]() {
-            uInt piece = left > UINT_MAX ? UINT_MAX : static_cast<uInt>(left);
-            zstream_.next_in = const_cast<Bytef*>(next);
-            zstream_.avail_in = piece;
-            next += piece;
-            left -= piece;
-        };
-        auto drain = [&]() {
-            long n;
-            while ((n = encoder.read(chars, kBase64Batch)) > 0) {
-                xput_raw(reinterpret_cast<const char*>(chars), static_cast<unsigned long>(n));
-                if (status_ != TKstream::Ok)
-                    return false;
-            }
-            return true;
-        };
-
-        // A payload that failed half-way may have left input behind.
-        zstream_.next_in = const_cast<Bytef*>(next);
-        zstream_.avail_in = 0;
-        for (;;) {
-            if (zstream_.avail_in == 0 && left > 0)
-                feed();
-            int flush = left > 0 ? Z_NO_FLUSH : Z_FINISH;
-            zstream_.next_out = out;
-            zstream_.avail_out = kDeflateOut;
-            uLong before = zstream_.total_out;
-            int rc = deflate(&zstream_, flush);
-            uLong produced = zstream_.total_out - before;
-            if (produced > 0) {
-                encoder.write(out, static_cast<long>(produced));
-                if (!drain()) {
-                    deflateReset(&zstream_);
-                    return;
-                }
-            }
-            if (rc == Z_STREAM_END)
-                break;
-            if (rc != Z_OK) {
-                deflateReset(&zstream_);
-                status_ = TKstream::Error;
-                return;
-            }
-            if (zstream_.avail_in > 0 || zstream_.avail_out == 0 || left > 0)
-                continue;
+        RequestSink sink(*this);
+        switch (encoder_.encode(data->data, data->length, sink)) {
+        case TKpayloadEncoder::Done:
+            xput_lit("</mcode>");
+            break;
+        case TKpayloadEncoder::SinkFailed:
+            break;  // status_ holds the failed write; the element stays open
+        case TKpayloadEncoder::Failed:
+            status_ = TKstream::Error;
             break;
         }
-
-        encoder.messageEnd();
-        if (!drain()) {
-            deflateReset(&zstream_);
-            return;
-        }
-        deflateReset(&zstream_);
-        xput_lit("</mcode>");
     } catch (...) {
-        deflateReset(&zstream_);
         status_ = TKstream::Error;
     }
 }

@@ -154,7 +154,6 @@ const char** strings(std::vector<char*>& v)
 
 TAM_XmsgParserHandler::TAM_XmsgParserHandler()
     : kernel_(nullptr),
-      inflater_(),
       hasData_(false),
       content_(512, 512),
       inText_(false),
@@ -164,14 +163,6 @@ TAM_XmsgParserHandler::TAM_XmsgParserHandler()
       fmtCount_(0),
       level_(0)
 {
-    inflater_.zalloc = Z_NULL;
-    inflater_.zfree = Z_NULL;
-    inflater_.opaque = Z_NULL;
-    inflater_.next_in = Z_NULL;
-    inflater_.avail_in = 0;
-    // Should this fail (no memory), inflate() reports a stream error and
-    // every payload comes out empty; the reader reports nothing by design.
-    inflateInit(&inflater_);
     // A message without text reads its content as the empty text.
     emptyContent();
 }
@@ -181,7 +172,6 @@ TAM_XmsgParserHandler::~TAM_XmsgParserHandler()
     clearDebugLists();
     for (char* s : fmtNames_)
         std::free(s);
-    inflateEnd(&inflater_);
 }
 
 // ---- names -----------------------------------------------------------------
@@ -257,49 +247,12 @@ void TAM_XmsgParserHandler::emptyContent()
     content_.rewind();
 }
 
-void TAM_XmsgParserHandler::decodeMCode()
-{
-    unsigned char in[1024];
-    unsigned char out[1024];
-    for (;;) {
-        const long n = decoder_.read(in, sizeof in);
-        if (n <= 0)
-            break;
-        inflater_.next_in = in;
-        inflater_.avail_in = static_cast<uInt>(n);
-        bool more = true;
-        while (more) {
-            inflater_.next_out = out;
-            inflater_.avail_out = sizeof out;
-            const int rc = inflate(&inflater_, Z_SYNC_FLUSH);
-            const unsigned long produced = sizeof out - inflater_.avail_out;
-            if (produced > 0) {
-                unsigned long count = 0;
-                if (content_.write(out, produced, count) != TKstream::Ok)
-                    goto done;
-            }
-            if (rc == Z_STREAM_END)
-                break;  // anything after the stream's end inflates to nothing
-            if (rc == Z_BUF_ERROR)
-                break;  // this block is used up (its output filled the buffer exactly): take the next
-            if (rc != Z_OK)
-                goto done;  // corrupt data
-            more = inflater_.avail_in > 0 || inflater_.avail_out == 0;
-        }
-    }
-done:
-    // The input block lives on this stack frame only.
-    inflater_.next_in = Z_NULL;
-    inflater_.avail_in = 0;
-}
-
+// The reader reports nothing: a damaged payload is delivered as far as it
+// decoded, and the decoder's result is not needed.
 void TAM_XmsgParserHandler::endMCode()
 {
-    decoder_.messageEnd();
-    decodeMCode();
-    // Every payload is its own zlib stream.
-    decoder_.reset();
-    inflateReset(&inflater_);
+    TKstreamSink sink(content_);
+    payload_.finish(sink);
     content_.rewind();
 }
 
@@ -316,8 +269,9 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         // A chunk that does not fit is lost; the message keeps what fitted.
         content_.write(buf.data(), static_cast<unsigned long>(n), count);
     } else if (inMCode_) {
-        decoder_.write(reinterpret_cast<const unsigned char*>(data), len);
-        decodeMCode();
+        // A failed append to the content loses the rest of this chunk only.
+        TKstreamSink sink(content_);
+        payload_.write(data, len, sink);
     }
 }
 
@@ -333,360 +287,412 @@ void TAM_XmsgParserHandler::cleanup()
     clearDebugLists();
 }
 
-// ---- start tags ------------------------------------------------------------
+// ---- the element table -------------------------------------------------------
+//
+// One rule per element of the vocabulary: where it may start, what its start
+// tag resets and records, what content it opens, and what its start and end
+// tags deliver. startElement and endElement only follow the rule.
 
-void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
-{
-    inText_ = false;
-    inMCode_ = false;
-    if (id < 0 || id > ElTextwidth)
-        return;
+struct TAM_XmsgParserHandler::Rules {
+    using H = TAM_XmsgParserHandler;
+    using K = TAM_KernelImpl;
+    // Attribute values by attribute id; null for a missing attribute.
+    using Values = const char* const*;
 
-    // Resets before the attribute walk.
-    bool isMessage = true;
-    switch (id) {
-    case ElRoot:
-        return;
-    case ElQuit:
-        // Not for a client: no cl needed, kernel_ stays as it is.
-        onQuit();
-        return;
-    case ElBreakpt:
-    case ElCsframe:
-    case ElDispvar:
-    case ElFmt:
-    case ElMcode:
-    case ElText:
-        if (!kernel_)
-            return;  // part of a message without a client
-        isMessage = false;
-        break;
-    case ElBreakpoints:
-    case ElDisplay:
-        clearDebugLists();
-        kernel_ = nullptr;
-        break;
-    case ElCallstack:
-        clearDebugLists();
-        kernel_ = nullptr;
-        level_ = 0;
-        break;
-    case ElCallback:
-    case ElOutput:
-    case ElSendinput:
-        kernel_ = nullptr;
-        cookie_ = 0;
-        hasData_ = false;
-        if (id == ElSendinput)
-            textInput_ = 0;
-        // A stray text or mcode element after the previous message must not
-        // leak into this message's content or format.
-        emptyContent();
-        format_.clear();
-        break;
-    case ElFormat:
-    case ElSelformat:
-        fmtCount_ = 0;
-        kernel_ = nullptr;
-        break;
-    case ElComplete:
-    case ElFinished:
-    case ElSenddbgcmd:
-    case ElPlotfile:
-        kernel_ = nullptr;
-        cookie_ = 0;
-        break;
-    default:
-        kernel_ = nullptr;
-        break;
+    // The parent check. Parts act on the client of the message they belong
+    // to; the stream has no other notion of nesting (a part that follows
+    // its message still acts on that message's client).
+    enum Context : unsigned char {
+        Stream,   // anywhere, for no client: the root, quit
+        Message,  // anywhere; forgets the current client and names its own in cl
+        Part      // only while a message with a known client is current
+    };
+    // State that a start tag resets before its attributes are read (what
+    // it keeps from them is set whether they are there or not).
+    enum Reset : unsigned {
+        Cookie = 1u << 0,
+        Content = 1u << 1,  // hasData_, content_ and format_
+        Lists = 1u << 2,    // the debugger lists
+        Formats = 1u << 3   // fmtCount_
+    };
+    // Attributes that a start tag keeps in the parse state.
+    enum Record : unsigned {
+        KeepCid = 1u << 0,       // as cookie_
+        KeepLevel = 1u << 1,     // as level_
+        KeepType = 1u << 2,      // as type_, only for a known client
+        KeepTextFlag = 1u << 3   // the text flag, as textInput_
+    };
+    // What the character data of the element is collected as.
+    enum Opens : unsigned char { Nothing, Text, Payload };
+
+    struct Rule {
+        int id;
+        Context context;
+        unsigned resets;   // Reset bits
+        unsigned records;  // Record bits
+        Opens opens;
+        void (*start)(H&, Values);  // after the resets and records; may be null
+        void (*end)(H&);            // may be null
+    };
+
+    // The rule of element id, or null for an id outside the vocabulary.
+    static const Rule* find(int id);
+
+    // The current client if the handler in slot is set, else null.
+    template <class Fn>
+    static K* receiver(const H& h, Fn K::*slot)
+    {
+        K* k = h.kernel_;
+        return k && k->*slot ? k : nullptr;
+    }
+    static TAM_DataTAG payload(H& h) { return {h.format_.c_str(), h.content_.data(), h.content_.length()}; }
+    static const char* contentText(H& h) { return reinterpret_cast<const char*>(h.content_.data()); }
+
+    // ---- what a start tag does before it delivers ---------------------------
+
+    static void reset(H& h, unsigned resets)
+    {
+        if (resets & Cookie)
+            h.cookie_ = 0;
+        if (resets & Content) {
+            // A stray text or mcode element after the previous message must
+            // not leak into this message's content or format.
+            h.hasData_ = false;
+            h.emptyContent();
+            h.format_.clear();
+        }
+        if (resets & Lists)
+            h.clearDebugLists();
+        if (resets & Formats)
+            h.fmtCount_ = 0;
     }
 
-    // The attribute walk: cl picks the client, the rest is kept by id for
-    // the element's own action.
-    const char* v[AtCount] = {};
-    for (const Xml::Attribute& a : attrs) {
-        if (a.id < 0 || a.id >= AtCount)
-            continue;
-        if (a.id == AtCl) {
-            if (isMessage)
-                kernel_ = kernel(number(a.value));
-        } else {
-            v[a.id] = a.value;
+    static void record(H& h, unsigned records, Values v)
+    {
+        if (records & KeepCid)
+            h.cookie_ = number(v[AtCid]);
+        if (records & KeepLevel)
+            h.level_ = number(v[AtLevel]);
+        if ((records & KeepType) && h.kernel_)
+            h.type_.assign(raw(v[AtType]));  // keeps the capacity
+        if (records & KeepTextFlag)
+            h.textInput_ = flag(v[AtText]);
+    }
+
+    static void open(H& h, Opens what, Values v)
+    {
+        // A payload is its element's bytes alone: a text child before it must
+        // not lengthen the record with its own bytes.
+        if (what == Payload)
+            h.emptyContent();
+        // The later of text and mcode decides what the message carries.
+        h.hasData_ = what == Payload;
+        h.format_.assign(raw(v[AtFormat]));
+        h.inText_ = what == Text;
+        h.inMCode_ = what == Payload;
+    }
+
+    // ---- deliveries at the start tag ----------------------------------------
+
+    template <TAM_OnReset K::*Slot>
+    static void notify(H& h, Values)
+    {
+        if (K* k = receiver(h, Slot))
+            (k->*Slot)(k);
+    }
+
+    template <TAM_OnFinished K::*Slot>
+    static void notifyCookie(H& h, Values)
+    {
+        if (K* k = receiver(h, Slot))
+            (k->*Slot)(k, cookiePtr(h.cookie_));
+    }
+
+    template <TAM_OnHelp K::*Slot>
+    static void notifyText(H& h, Values v)
+    {
+        if (K* k = receiver(h, Slot)) {
+            Tut::FlexBuff<char> value;
+            (k->*Slot)(k, loc(v[AtValue], value));
         }
     }
 
-    switch (id) {
-    case ElCallback:
-    case ElComplete:
-    case ElFinished:
-    case ElSenddbgcmd:
-    case ElPlotfile:
-    case ElOutput:
-    case ElSendinput:
-        cookie_ = number(v[AtCid]);
-        break;
-    default:
-        break;
+    template <TAM_OnPrettyPrintChanged K::*Slot>
+    static void notifyFlag(H& h, Values v)
+    {
+        if (K* k = receiver(h, Slot))
+            (k->*Slot)(k, flag(v[AtValue]));
     }
 
-    switch (id) {
-    case ElCallstack:
-        level_ = number(v[AtLevel]);
-        return;
-    case ElBreakpt:
-        appendLocCopy(dbgNames_, v[AtFname]);
-        dbgPositions_.push_back(number(v[AtFpos]));
-        appendLocCopy(dbgTexts_, v[AtCond]);
-        return;
-    case ElCsframe:
-        appendLocCopy(dbgNames_, v[AtFname]);
-        dbgPositions_.push_back(number(v[AtFpos]));
-        appendLocCopy(dbgTexts_, v[AtProc]);
-        return;
-    case ElDispvar:
-        appendLocCopy(dbgNames_, v[AtName]);
-        appendLocCopy(dbgTexts_, v[AtValue]);
-        return;
-    case ElOutput:
-    case ElFormat:
-    case ElSelformat:
-        if (kernel_)
-            type_.assign(raw(v[AtType]));  // keeps the capacity
-        return;
-    case ElSendinput:
-        textInput_ = flag(v[AtText]);
-        return;
-    case ElFmt: {
-        const char* p = formatName(raw(v[AtName]));
-        if (fmtCount_ < static_cast<int64_t>(fmtList_.size()))
-            fmtList_[static_cast<std::size_t>(fmtCount_)] = p;
-        else
-            fmtList_.push_back(p);
-        ++fmtCount_;
-        return;
-    }
-    case ElMcode:
-        // The payload is this element's bytes alone: a text child before it
-        // must not lengthen the record with its own bytes.
-        emptyContent();
-        hasData_ = true;
-        format_.assign(raw(v[AtFormat]));
-        inMCode_ = true;
-        return;
-    case ElText:
-        hasData_ = false;
-        format_.assign(raw(v[AtFormat]));
-        inText_ = true;
-        return;
-    default:
-        break;
-    }
-
-    // Messages delivered at their start tag.
-    TAM_KernelImpl* k = kernel_;
-    if (!k)
-        return;
-    switch (id) {
-    case ElReady:
-        if (k->on_kernel_ready)
-            k->on_kernel_ready(k);
-        break;
-    case ElSendinit:
-        if (k->on_init_wanted)
-            k->on_init_wanted(k);
-        break;
-    case ElReset:
-        if (k->on_reset)
-            k->on_reset(k);
-        break;
-    case ElFinished:
-        if (k->on_finished)
-            k->on_finished(k, cookiePtr(cookie_));
-        break;
-    case ElComplete:
-        if (k->on_complete_cmd)
-            k->on_complete_cmd(k, cookiePtr(cookie_));
-        break;
-    case ElSenddbgcmd:
-        if (k->on_dbg_cmd_wanted)
-            k->on_dbg_cmd_wanted(k, cookiePtr(cookie_));
-        break;
-    case ElPlotfile:
-        if (k->on_plot_result_file) {
+    static void startPlotfile(H& h, Values v)
+    {
+        if (K* k = receiver(h, &K::on_plot_result_file)) {
             Tut::FlexBuff<char> name;
-            k->on_plot_result_file(k, cookiePtr(cookie_), loc(v[AtName], name));
+            k->on_plot_result_file(k, cookiePtr(h.cookie_), loc(v[AtName], name));
         }
-        break;
-    case ElCompletion:
-        if (k->on_input_completion) {
+    }
+
+    static void startCompletion(H& h, Values v)
+    {
+        if (K* k = receiver(h, &K::on_input_completion)) {
             Tut::FlexBuff<char> list;
             Tut::FlexBuff<char> pref;
             k->on_input_completion(k, loc(v[AtList], list), loc(v[AtPref], pref));
         }
-        break;
-    case ElDbginfo:
-        if (k->on_dbg_info) {
+    }
+
+    static void startDbginfo(H& h, Values v)
+    {
+        if (K* k = receiver(h, &K::on_dbg_info)) {
             Tut::FlexBuff<char> fname;
             Tut::FlexBuff<char> expr;
             const char cmd = v[AtCmd] ? v[AtCmd][0] : 0;
-            k->on_dbg_info(k, cmd, loc(v[AtFname], fname), number(v[AtFpos]),
-                           loc(v[AtExpr], expr), number(v[AtLevel]), number(v[AtDepth]));
+            k->on_dbg_info(k, cmd, loc(v[AtFname], fname), number(v[AtFpos]), loc(v[AtExpr], expr),
+                           number(v[AtLevel]), number(v[AtDepth]));
         }
-        break;
-    case ElFrame:
-        if (k->on_frame_changed) {
-            Tut::FlexBuff<char> value;
-            k->on_frame_changed(k, loc(v[AtValue], value));
-        }
-        break;
-    case ElHelp:
-        if (k->on_help) {
-            Tut::FlexBuff<char> value;
-            k->on_help(k, loc(v[AtValue], value));
-        }
-        break;
-    case ElSystem:
-        if (k->on_system) {
-            Tut::FlexBuff<char> value;
-            k->on_system(k, loc(v[AtValue], value));
-        }
-        break;
-    case ElPrettyprint:
-        if (k->on_pretty_print_changed)
-            k->on_pretty_print_changed(k, flag(v[AtValue]));
-        break;
-    case ElAbbreviateoutput:
-        if (k->on_abbreviate_output_changed)
-            k->on_abbreviate_output_changed(k, flag(v[AtValue]));
-        break;
-    case ElTextwidth:
-        if (k->on_textwidth_changed)
-            k->on_textwidth_changed(k, number(v[AtValue]));
-        break;
-    case ElStatus:
-        if (k->on_status)
-            k->on_status(k, number(v[AtUsed]), number(v[AtRes]), number(v[AtSec]));
-        break;
-    default:
-        break;  // list and content messages deliver at their end tag
     }
+
+    static void startTextwidth(H& h, Values v)
+    {
+        if (K* k = receiver(h, &K::on_textwidth_changed))
+            k->on_textwidth_changed(k, number(v[AtValue]));
+    }
+
+    static void startStatus(H& h, Values v)
+    {
+        if (K* k = receiver(h, &K::on_status))
+            k->on_status(k, number(v[AtUsed]), number(v[AtRes]), number(v[AtSec]));
+    }
+
+    static void startQuit(H& h, Values)
+    {
+        // Not for a client: no cl needed, and kernel_ stays as it is.
+        h.onQuit();
+    }
+
+    // ---- parts --------------------------------------------------------------
+
+    template <int NameAt, int TextAt, bool WithPosition>
+    static void startItem(H& h, Values v)
+    {
+        appendLocCopy(h.dbgNames_, v[NameAt]);
+        if (WithPosition)
+            h.dbgPositions_.push_back(number(v[AtFpos]));
+        appendLocCopy(h.dbgTexts_, v[TextAt]);
+    }
+
+    static void startFmt(H& h, Values v)
+    {
+        const char* p = h.formatName(raw(v[AtName]));
+        if (h.fmtCount_ < static_cast<int64_t>(h.fmtList_.size()))
+            h.fmtList_[static_cast<std::size_t>(h.fmtCount_)] = p;
+        else
+            h.fmtList_.push_back(p);
+        ++h.fmtCount_;
+    }
+
+    // ---- end tags -----------------------------------------------------------
+
+    static void endMCode(H& h) { h.endMCode(); }
+
+    static void endText(H& h)
+    {
+        unsigned long count = 0;
+        h.content_.write("", 1, count);
+        h.content_.rewind();
+    }
+
+    static void endOutput(H& h)
+    {
+        K* k = h.kernel_;
+        if (k && !h.hasData_ && k->on_output) {
+            k->on_output(k, cookiePtr(h.cookie_), h.type_.c_str(), h.format_.c_str(), contentText(h));
+        } else if (k && h.hasData_ && k->on_output_data) {
+            const TAM_DataTAG data = payload(h);
+            k->on_output_data(k, cookiePtr(h.cookie_), h.type_.c_str(), &data);
+        }
+        h.format_.clear();
+        h.type_.clear();
+        h.emptyContent();
+    }
+
+    static void endCallback(H& h)
+    {
+        if (K* k = receiver(h, &K::on_callback)) {
+            const TAM_DataTAG data = payload(h);
+            k->on_callback(k, cookiePtr(h.cookie_), &data);
+        }
+        h.format_.clear();
+        h.emptyContent();
+    }
+
+    static void endSendinput(H& h)
+    {
+        // With a payload the prompt is not passed on.
+        if (K* k = receiver(h, &K::on_input_wanted))
+            k->on_input_wanted(k, cookiePtr(h.cookie_), h.textInput_, h.hasData_ ? "" : contentText(h));
+        h.format_.clear();
+        h.emptyContent();
+    }
+
+    static void endFormat(H& h)
+    {
+        K* k = receiver(h, &K::on_format_changed);
+        if (k && h.fmtCount_ >= 1)
+            k->on_format_changed(k, h.type_.c_str(), h.fmtList_[0]);
+        h.fmtCount_ = 0;
+    }
+
+    static void endSelformat(H& h)
+    {
+        // Without formats the array is null: there is nothing to read.
+        if (K* k = receiver(h, &K::on_select_format))
+            k->on_select_format(k, h.type_.c_str(), static_cast<long>(h.fmtCount_),
+                                h.fmtCount_ > 0 ? h.fmtList_.data() : nullptr);
+        h.fmtCount_ = 0;
+    }
+
+    // Items of different kinds mixed in one list leave the lists of unequal
+    // length; such a list is not delivered. Positions count only for the
+    // handlers that take them.
+    static bool listsComplete(const H& h, bool withPositions)
+    {
+        const std::size_t count = h.dbgNames_.size();
+        return h.dbgTexts_.size() == count && (!withPositions || h.dbgPositions_.size() == count);
+    }
+
+    static void endBreakpoints(H& h)
+    {
+        if (K* k = receiver(h, &K::on_breakpoint_list)) {
+            const long n = static_cast<long>(h.dbgNames_.size());
+            if (n == 0)
+                k->on_breakpoint_list(k, 0, nullptr, nullptr, nullptr);
+            else if (listsComplete(h, true))
+                k->on_breakpoint_list(k, n, strings(h.dbgNames_), h.dbgPositions_.data(),
+                                      strings(h.dbgTexts_));
+        }
+        h.clearDebugLists();
+    }
+
+    static void endCallstack(H& h)
+    {
+        if (K* k = receiver(h, &K::on_call_stack)) {
+            const long n = static_cast<long>(h.dbgNames_.size());
+            if (n == 0)
+                k->on_call_stack(k, h.level_, 0, nullptr, nullptr, nullptr);
+            else if (listsComplete(h, true))
+                k->on_call_stack(k, h.level_, n, strings(h.dbgNames_), h.dbgPositions_.data(),
+                                 strings(h.dbgTexts_));
+        }
+        h.clearDebugLists();
+    }
+
+    static void endDisplay(H& h)
+    {
+        if (K* k = receiver(h, &K::on_display_list)) {
+            const long n = static_cast<long>(h.dbgNames_.size());
+            if (n == 0)
+                k->on_display_list(k, 0, nullptr, nullptr);
+            else if (listsComplete(h, false))
+                k->on_display_list(k, n, strings(h.dbgNames_), strings(h.dbgTexts_));
+        }
+        h.clearDebugLists();
+    }
+
+    // ---- the table ----------------------------------------------------------
+
+    static constexpr Rule kTable[] = {
+        {ElRoot, Stream, 0, 0, Nothing, nullptr, nullptr},
+        {ElBreakpoints, Message, Lists, 0, Nothing, nullptr, endBreakpoints},
+        {ElBreakpt, Part, 0, 0, Nothing, startItem<AtFname, AtCond, true>, nullptr},
+        {ElCallback, Message, Cookie | Content, KeepCid, Nothing, nullptr, endCallback},
+        {ElCallstack, Message, Lists, KeepLevel, Nothing, nullptr, endCallstack},
+        {ElComplete, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_complete_cmd>, nullptr},
+        {ElCompletion, Message, 0, 0, Nothing, startCompletion, nullptr},
+        {ElCsframe, Part, 0, 0, Nothing, startItem<AtFname, AtProc, true>, nullptr},
+        {ElDbginfo, Message, 0, 0, Nothing, startDbginfo, nullptr},
+        {ElDisplay, Message, Lists, 0, Nothing, nullptr, endDisplay},
+        {ElDispvar, Part, 0, 0, Nothing, startItem<AtName, AtValue, false>, nullptr},
+        {ElFinished, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_finished>, nullptr},
+        {ElFmt, Part, 0, 0, Nothing, startFmt, nullptr},
+        {ElFormat, Message, Formats, KeepType, Nothing, nullptr, endFormat},
+        {ElFrame, Message, 0, 0, Nothing, notifyText<&K::on_frame_changed>, nullptr},
+        {ElHelp, Message, 0, 0, Nothing, notifyText<&K::on_help>, nullptr},
+        {ElMcode, Part, 0, 0, Payload, nullptr, endMCode},
+        {ElOutput, Message, Cookie | Content, KeepCid | KeepType, Nothing, nullptr, endOutput},
+        {ElPlotfile, Message, Cookie, KeepCid, Nothing, startPlotfile, nullptr},
+        {ElPrettyprint, Message, 0, 0, Nothing, notifyFlag<&K::on_pretty_print_changed>, nullptr},
+        {ElAbbreviateoutput, Message, 0, 0, Nothing, notifyFlag<&K::on_abbreviate_output_changed>, nullptr},
+        {ElQuit, Stream, 0, 0, Nothing, startQuit, nullptr},
+        {ElReady, Message, 0, 0, Nothing, notify<&K::on_kernel_ready>, nullptr},
+        {ElReset, Message, 0, 0, Nothing, notify<&K::on_reset>, nullptr},
+        {ElSelformat, Message, Formats, KeepType, Nothing, nullptr, endSelformat},
+        {ElSenddbgcmd, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_dbg_cmd_wanted>, nullptr},
+        {ElSendinit, Message, 0, 0, Nothing, notify<&K::on_init_wanted>, nullptr},
+        {ElSendinput, Message, Cookie | Content, KeepCid | KeepTextFlag, Nothing, nullptr, endSendinput},
+        {ElStatus, Message, 0, 0, Nothing, startStatus, nullptr},
+        {ElSystem, Message, 0, 0, Nothing, notifyText<&K::on_system>, nullptr},
+        {ElText, Part, 0, 0, Text, nullptr, endText},
+        {ElTextwidth, Message, 0, 0, Nothing, startTextwidth, nullptr},
+    };
+
+    // Whether every rule stands at the index of its element's id.
+    static constexpr bool inIdOrder()
+    {
+        for (int i = 0; i < ElCount; ++i)
+            if (kTable[i].id != i)
+                return false;
+        return true;
+    }
+};
+
+const TAM_XmsgParserHandler::Rules::Rule* TAM_XmsgParserHandler::Rules::find(int id)
+{
+    static_assert(sizeof kTable / sizeof kTable[0] == ElCount, "one rule per element");
+    static_assert(inIdOrder(), "the table is indexed by element id");
+    return id >= 0 && id < ElCount ? &kTable[id] : nullptr;
 }
 
-// ---- end tags --------------------------------------------------------------
+// ---- start and end tags ------------------------------------------------------
 
-void TAM_XmsgParserHandler::endDebugList(int id)
+void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
-    if (kernel_) {
-        TAM_KernelImpl* k = kernel_;
-        const std::size_t count = dbgNames_.size();
-        const long n = static_cast<long>(count);
-        // Items of different kinds mixed in one list leave the lists of
-        // unequal length; such a list is not delivered.
-        const bool textsOk = dbgTexts_.size() == count;
-        const bool positionsOk = dbgPositions_.size() == count;
-        switch (id) {
-        case ElBreakpoints:
-            if (!k->on_breakpoint_list)
-                break;
-            if (count == 0)
-                k->on_breakpoint_list(k, 0, nullptr, nullptr, nullptr);
-            else if (textsOk && positionsOk)
-                k->on_breakpoint_list(k, n, strings(dbgNames_), dbgPositions_.data(),
-                                      strings(dbgTexts_));
-            break;
-        case ElCallstack:
-            if (!k->on_call_stack)
-                break;
-            if (count == 0)
-                k->on_call_stack(k, level_, 0, nullptr, nullptr, nullptr);
-            else if (textsOk && positionsOk)
-                k->on_call_stack(k, level_, n, strings(dbgNames_), dbgPositions_.data(),
-                                 strings(dbgTexts_));
-            break;
-        case ElDisplay:
-            if (!k->on_display_list)
-                break;
-            if (count == 0)
-                k->on_display_list(k, 0, nullptr, nullptr);
-            else if (textsOk)
-                k->on_display_list(k, n, strings(dbgNames_), strings(dbgTexts_));
-            break;
-        default:
-            break;
-        }
+    // Text is collected only up to the next known tag.
+    inText_ = false;
+    inMCode_ = false;
+    const Rules::Rule* rule = Rules::find(id);
+    // A part of a message without a client is ignored whole.
+    if (!rule || (rule->context == Rules::Part && !kernel_))
+        return;
+    const bool message = rule->context == Rules::Message;
+    if (message)
+        kernel_ = nullptr;
+    Rules::reset(*this, rule->resets);
+
+    // The attribute walk: cl picks a message's client, the rest is kept by
+    // id for the rule.
+    const char* v[AtCount] = {};
+    for (const Xml::Attribute& a : attrs) {
+        if (a.id < 0 || a.id >= AtCount)
+            continue;
+        if (a.id != AtCl)
+            v[a.id] = a.value;
+        else if (message)
+            kernel_ = kernel(number(a.value));
     }
-    clearDebugLists();
+
+    Rules::record(*this, rule->records, v);
+    if (rule->opens != Rules::Nothing)
+        Rules::open(*this, rule->opens, v);
+    if (rule->start)
+        rule->start(*this, v);
 }
 
 void TAM_XmsgParserHandler::endElement(int, int id)
 {
     inText_ = false;
     inMCode_ = false;
-    if (id < 0 || id > ElText)
-        return;  // textwidth delivered at its start
-
-    TAM_KernelImpl* k = kernel_;
-    switch (id) {
-    case ElText: {
-        unsigned long count = 0;
-        content_.write("", 1, count);
-        content_.rewind();
-        break;
-    }
-    case ElMcode:
-        endMCode();
-        break;
-    case ElOutput:
-        if (k) {
-            if (!hasData_) {
-                if (k->on_output)
-                    k->on_output(k, cookiePtr(cookie_), type_.c_str(), format_.c_str(),
-                                 reinterpret_cast<const char*>(content_.data()));
-            } else if (k->on_output_data) {
-                const TAM_DataTAG data = {format_.c_str(), content_.data(), content_.length()};
-                k->on_output_data(k, cookiePtr(cookie_), type_.c_str(), &data);
-            }
-        }
-        format_.clear();
-        type_.clear();
-        emptyContent();
-        break;
-    case ElCallback:
-        if (k && k->on_callback) {
-            const TAM_DataTAG data = {format_.c_str(), content_.data(), content_.length()};
-            k->on_callback(k, cookiePtr(cookie_), &data);
-        }
-        format_.clear();
-        emptyContent();
-        break;
-    case ElSendinput:
-        if (k && k->on_input_wanted) {
-            // With a payload the prompt is not passed on.
-            const char* prompt =
-                hasData_ ? "" : reinterpret_cast<const char*>(content_.data());
-            k->on_input_wanted(k, cookiePtr(cookie_), textInput_, prompt);
-        }
-        format_.clear();
-        emptyContent();
-        break;
-    case ElFormat:
-        if (k && fmtCount_ >= 1 && k->on_format_changed)
-            k->on_format_changed(k, type_.c_str(), fmtList_[0]);
-        fmtCount_ = 0;
-        break;
-    case ElSelformat:
-        if (k && k->on_select_format)
-            // Without formats the array is null: there is nothing to read.
-            k->on_select_format(k, type_.c_str(), static_cast<long>(fmtCount_),
-                                fmtCount_ > 0 ? fmtList_.data() : nullptr);
-        fmtCount_ = 0;
-        break;
-    case ElBreakpoints:
-    case ElCallstack:
-    case ElDisplay:
-        endDebugList(id);
-        break;
-    default:
-        break;
-    }
+    const Rules::Rule* rule = Rules::find(id);
+    if (rule && rule->end)
+        rule->end(*this);
 }

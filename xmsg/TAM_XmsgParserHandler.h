@@ -11,15 +11,13 @@
 #ifndef TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 #define TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 
-#include <zlib.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "kernel/TAM_KernelImpl.h"
 #include "support/TKT_stream.h"
-#include "support/TKbase64.h"
+#include "support/TKpayload.h"
 #include "xml/Handler.h"
 
 class TAM_XmsgParserHandler : public Xml::Handler {
@@ -57,7 +55,8 @@ public:
         ElStatus = 28,
         ElSystem = 29,
         ElText = 30,
-        ElTextwidth = 31
+        ElTextwidth = 31,
+        ElCount = 32  // one past the highest id
     };
 
     // Attribute ids. 9 is not assigned; "enc" is known but read by nobody.
@@ -114,23 +113,18 @@ public:
     // The interned copy of name, valid for the life of this handler.
     // Throws std::bad_alloc when a new name cannot be copied.
     const char* formatName(const char* name);
-    // Decodes what the base64 decoder can deliver now and appends the
-    // inflated bytes to the content.
-    void decodeMCode();
 
 protected:
     // Appends a locale copy of the UTF-8 text (empty for null) to list.
     static void appendLocCopy(std::vector<char*>& list, const char* utf8);
     // Empties the content so that it reads as the empty text.
     void emptyContent();
-    // Finishes an mcode element: flushes the decoder, resets both stages.
+    // Finishes an mcode element: decodes the rest of its text, readies the
+    // decoder for the next payload and terminates the content.
     void endMCode();
-    // Delivers a debugger list message after checking the list lengths.
-    void endDebugList(int id);
 
     TAM_KernelImpl* kernel_;          // current client, not owned
-    TKbase64Decoder decoder_;         // base64 text of an mcode element
-    z_stream inflater_;               // zlib stream of an mcode element
+    TKpayloadDecoder payload_;        // text of an mcode element to bytes
     bool hasData_;                    // the message carries a payload
     TKheapStream content_;            // text (locale) or payload bytes
     bool inText_;                     // character data is text content
@@ -146,6 +140,10 @@ protected:
     std::vector<long> dbgPositions_;
     std::vector<char*> dbgTexts_;     // locale, malloc'd
     int64_t level_;                   // "level" of callstack
+
+private:
+    // What each element does at its start and end tag; one rule per element.
+    struct Rules;
 };
 
 #endif

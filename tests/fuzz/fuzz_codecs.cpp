@@ -1,14 +1,17 @@
-// Fuzzes the base64 codec and the UTF-8/locale conversions. The streaming
-// decoder fed in chunks must give what the byte interface gives for the
-// whole input; encoding and decoding must round-trip; the buffer, FlexBuff
-// and copy shapes of a conversion must agree. Run it under a UTF-8 and an
+// Fuzzes the base64 codec, the payload codec and the UTF-8/locale
+// conversions. The streaming decoders fed in chunks must give what they
+// give for the whole input (base64: what the byte interface gives);
+// encoding and decoding must round-trip; the buffer, FlexBuff and copy
+// shapes of a conversion must agree. Run it under a UTF-8 and an
 // 8-bit locale (LC_ALL), which is read once at start.
 #include <clocale>
 #include <cstring>
 #include <string>
 
 #include "FuzzCommon.h"
+#include "support/TKT_stream.h"
 #include "support/TKbase64.h"
+#include "support/TKpayload.h"
 #include "support/Tut.h"
 
 namespace {
@@ -42,6 +45,27 @@ std::string decodeBytewise(const std::string& in)
     while (d.get(c))
         out += static_cast<char>(c);
     return out;
+}
+
+struct StringSink : TKpayloadSink {
+    std::string got;
+    long put(const unsigned char* data, unsigned long len) override
+    {
+        got.append(reinterpret_cast<const char*>(data), len);
+        return TKstream::Ok;
+    }
+};
+
+// The payload text fed in chunks (or whole): the bytes and how it ended.
+std::string decodePayload(const uint8_t* data, std::size_t size, bool whole)
+{
+    TKpayloadDecoder d;
+    StringSink s;
+    if (whole)
+        d.write(reinterpret_cast<const char*>(data) + 2, static_cast<long>(size - 2), s);
+    else
+        fuzz::feedChunks(data, size, [&](const char* p, int n) { d.write(p, n, s); });
+    return s.got + "|" + std::to_string(d.finish(s));
 }
 
 template <typename Buffer, typename Flex, typename Copy>
@@ -113,6 +137,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         enc.append(reinterpret_cast<char*>(buf), static_cast<std::size_t>(k));
     check(enc == whole, "streamed and whole encoding");
     check(decodeBytewise(whole) == in, "round trip");
+
+    // Payloads: chunks do not matter, and every input comes back.
+    check(decodePayload(data, size, true) == decodePayload(data, size, false), "payload text in chunks");
+    TKpayloadEncoder pe;
+    StringSink text, back;
+    check(pe.encode(reinterpret_cast<const unsigned char*>(in.data()), in.size(), text) == TKpayloadEncoder::Done,
+          "payload encoding");
+    TKpayloadDecoder pd;
+    pd.write(text.got.data(), static_cast<long>(text.got.size()), back);
+    check(pd.finish(back) == TKpayloadDecoder::End && back.got == in, "payload round trip");
 
     // Conversions, both ways, in all three shapes.
     using namespace Tut;

@@ -40,13 +40,24 @@ TEST(TamkernUnits, EscapingKeepsTheStreamWellFormed)
         EXPECT_EQ(escaped(t.in), t.out) << t.in;
 }
 
-TEST(TamkernUnits, PayloadsDecodeAcrossWhitespaceButNotCutShort)
+TEST(TamkernUnits, PayloadsDecodeAcrossWhitespaceButNotCutShortOrBeyondTheLimit)
 {
     std::string bytes;
     EXPECT_TRUE(decodeMCode(" eJxLT\nEoGAA JNASc ", bytes));
     EXPECT_EQ(bytes, "abc");
     EXPECT_FALSE(decodeMCode("eJxLTEoGAA", bytes));
     EXPECT_FALSE(decodeMCode("AAAAAAAA", bytes));
+    // What the kernel writes it reads back, up to 16 MiB and not a byte more.
+    const std::size_t limit = std::size_t(16) << 20;
+    for (std::size_t n : {std::size_t(3000), limit, limit + 1}) {
+        std::string m;
+        appendMCode(m, "f\"", std::string(n, 'z'));
+        ASSERT_EQ(m.compare(0, 26, "<mcode format=\"f&quot;\">eJ"), 0);
+        ASSERT_EQ(m.compare(m.size() - 8, 8, "</mcode>"), 0);
+        EXPECT_EQ(decodeMCode(m.substr(24, m.size() - 32), bytes), n <= limit) << n;
+        EXPECT_TRUE(n <= limit ? bytes.size() == n : bytes.size() <= limit) << bytes.size();
+        EXPECT_EQ(bytes.find_first_not_of('z'), std::string::npos);
+    }
 }
 
 TEST(TamkernUnits, RequestStreamSplitAnywhereGivesTheSameRequests)

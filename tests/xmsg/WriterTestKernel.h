@@ -66,7 +66,6 @@ struct TestKernel : TAM_XmsgKernel {
     using TAM_XmsgKernel::xend;
     using TAM_XmsgKernel::xput_ascii_cdata;
     using TAM_XmsgKernel::xput_cdata;
-    using TAM_XmsgKernel::zstream_;
 
     long id_;
     bool throwOnRename = false;
