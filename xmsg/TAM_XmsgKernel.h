@@ -78,9 +78,10 @@ protected:
     // every path.
     void xput_mcode(const TAM_DataTAG* data);
 
-    // Encodes mcode payloads; one deflate state per connection, reset after
-    // every payload so each one is an independent zlib stream.
-    TKpayloadEncoder encoder_;
+    // Encodes mcode payloads: the deflate state of the connection, reset
+    // after every payload so each one is an independent zlib stream, inside
+    // the payload codec that the kernel shares.
+    TKpayloadEncoder zstream_;
     // TKstream status of the request being written: Ok while every write has
     // succeeded, else the code of the first write that failed. Kept after
     // xend until the next xbegin, so a subclass may look at it.

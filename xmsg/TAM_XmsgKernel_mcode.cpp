@@ -26,7 +26,7 @@ void TAM_XmsgKernel::xput_mcode(const TAM_DataTAG* data)
     xput_lit("\">");
     try {
         RequestSink sink(*this);
-        switch (encoder_.encode(data->data, data->length, sink)) {
+        switch (zstream_.encode(data->data, data->length, sink)) {
         case TKpayloadEncoder::Done:
             xput_lit("</mcode>");
             break;

@@ -252,7 +252,7 @@ void TAM_XmsgParserHandler::emptyContent()
 void TAM_XmsgParserHandler::endMCode()
 {
     TKstreamSink sink(content_);
-    payload_.finish(sink);
+    decoder_.finish(sink);
     content_.rewind();
 }
 
@@ -271,7 +271,7 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
     } else if (inMCode_) {
         // A failed append to the content loses the rest of this chunk only.
         TKstreamSink sink(content_);
-        payload_.write(data, len, sink);
+        decoder_.write(data, len, sink);
     }
 }
 

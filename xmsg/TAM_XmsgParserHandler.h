@@ -124,7 +124,7 @@ protected:
     void endMCode();
 
     TAM_KernelImpl* kernel_;          // current client, not owned
-    TKpayloadDecoder payload_;        // text of an mcode element to bytes
+    TKpayloadDecoder decoder_;        // base64 and inflate state: mcode text to bytes
     bool hasData_;                    // the message carries a payload
     TKheapStream content_;            // text (locale) or payload bytes
     bool inText_;                     // character data is text content
