@@ -13,12 +13,15 @@ namespace {
 
 class RecordingReporter : public benchmark::ConsoleReporter {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override {
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
         for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+            if (run.run_type != Run::RT_Iteration || run.error_occurred)
+                continue;
             std::string name = run.benchmark_name();
-            times[name] = run.GetAdjustedCPUTime();  // CPU time: steadier on a shared machine
-            for (const auto& counter : run.counters) counters[name + ":" + counter.first] = counter.second;
+            times[name] = run.GetAdjustedCPUTime(); // CPU time: steadier on a shared machine
+            for (const auto& counter : run.counters)
+                counters[name + ":" + counter.first] = counter.second;
         }
         ConsoleReporter::ReportRuns(runs);
     }
@@ -26,9 +29,10 @@ public:
     std::map<std::string, double> counters;
 };
 
-}  // namespace
+} // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     benchmark::Initialize(&argc, argv);
     RecordingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -39,19 +43,23 @@ int main(int argc, char** argv) {
     for (const RatioBudget& b : ratioBudgets()) {
         auto m = reporter.times.find(b.measured);
         auto base = reporter.times.find(b.baseline);
-        if (m == reporter.times.end() || base == reporter.times.end() || base->second <= 0) continue;
+        if (m == reporter.times.end() || base == reporter.times.end() || base->second <= 0)
+            continue;
         double ratio = m->second / base->second;
         bool ok = ratio <= b.limit;
         failed += !ok;
-        std::printf("%-44s %10.2f %10.2f  %s\n", b.measured, ratio, b.limit, ok ? "ok" : "EXCEEDED");
+        std::printf("%-44s %10.2f %10.2f  %s\n", b.measured, ratio, b.limit,
+                    ok ? "ok" : "EXCEEDED");
     }
     for (const CounterBudget& b : counterBudgets()) {
         auto c = reporter.counters.find(std::string(b.benchmark) + ":" + b.counter);
-        if (c == reporter.counters.end()) continue;
+        if (c == reporter.counters.end())
+            continue;
         bool ok = c->second <= b.limit;
         failed += !ok;
-        std::printf("%-44s %10.2f %10.2f  %s\n", (std::string(b.benchmark) + " " + b.counter).c_str(),
-                    c->second, b.limit, ok ? "ok" : "EXCEEDED");
+        std::printf("%-44s %10.2f %10.2f  %s\n",
+                    (std::string(b.benchmark) + " " + b.counter).c_str(), c->second, b.limit,
+                    ok ? "ok" : "EXCEEDED");
     }
     return failed ? 1 : 0;
 }

@@ -19,18 +19,21 @@ namespace {
 volatile sig_atomic_t FINISHED = 0;
 TAM_KernelImpl* gKernel = nullptr;
 
-[[noreturn]] void fatal(const char* message) {
+[[noreturn]] void fatal(const char* message)
+{
     fputs(message, stderr);
     fputc('\n', stderr);
     exit(1);
 }
 
-void setAlarmTimer(long seconds, void (*handler)(int)) {
+void setAlarmTimer(long seconds, void (*handler)(int))
+{
     signal(SIGALRM, handler);
     alarm(static_cast<unsigned>(seconds));
 }
 
-void send_cmd() {
+void send_cmd()
+{
     char line[1024];
     fputs(">> ", stdout);
     // Output may go to a pipe or file, which is not flushed before reading.
@@ -50,37 +53,44 @@ void send_cmd() {
         FINISHED = 1;
 }
 
-void EventHandler(int) {
+void EventHandler(int)
+{
     TAM_handle_uds_input(0);
     if (!FINISHED)
         alarm(1);
 }
 
-void on_init_wanted(TAM_KernelImpl* kernel) {
+void on_init_wanted(TAM_KernelImpl* kernel)
+{
     const char* args[] = {"-l", "../lib"};
     TAM_send_init(kernel, 2, args);
 }
 
-void on_kernel_ready(TAM_KernelImpl*) {
+void on_kernel_ready(TAM_KernelImpl*)
+{
     send_cmd();
 }
 
-void on_output(TAM_KernelImpl*, void*, const char*, const char*, const char* text) {
+void on_output(TAM_KernelImpl*, void*, const char*, const char*, const char* text)
+{
     puts(text);
 }
 
-void on_finished(TAM_KernelImpl*, void*) {
+void on_finished(TAM_KernelImpl*, void*)
+{
     send_cmd();
 }
 
-void on_quit(TAM_KernelImpl*) {
+void on_quit(TAM_KernelImpl*)
+{
     TAM_delete_kernel(gKernel);
     fatal("Tamix: The kernel quits.");
 }
 
 } // namespace
 
-int main() {
+int main()
+{
     setlocale(LC_ALL, "");
     gKernel = TAM_new_uds_kernel("./tamkern", nullptr);
     if (!gKernel)

@@ -65,8 +65,7 @@ extern "C" void TAM_default_on_init_wanted(TAM_KernelImpl* kernel)
     }
 }
 
-extern "C" void TAM_default_on_input_wanted(TAM_KernelImpl* kernel, void*, int text,
-                                            const char*)
+extern "C" void TAM_default_on_input_wanted(TAM_KernelImpl* kernel, void*, int text, const char*)
 {
     if (!kernel)
         return;
@@ -99,8 +98,8 @@ extern "C" void TAM_default_on_system(TAM_KernelImpl* kernel, const char*)
     }
 }
 
-extern "C" void TAM_default_on_select_format(TAM_KernelImpl* kernel, const char* type,
-                                             long count, const char** formats)
+extern "C" void TAM_default_on_select_format(TAM_KernelImpl* kernel, const char* type, long count,
+                                             const char** formats)
 {
     if (!kernel)
         return;
@@ -123,19 +122,19 @@ extern "C" void TAM_default_on_dbg_cmd_wanted(TAM_KernelImpl* kernel, void*)
 
 // ---- Setters -----------------------------------------------------------------
 
-#define TAM_SETTER(slot, type)                                                     \
+#define TAM_SETTER(slot, type)                                                        \
     extern "C" void TAM_set_on_##slot##_handler(TAM_KernelImpl* kernel, type handler) \
-    {                                                                              \
-        if (kernel)                                                                \
-            kernel->on_##slot = handler;                                           \
+    {                                                                                 \
+        if (kernel)                                                                   \
+            kernel->on_##slot = handler;                                              \
     }
 
 // A null handler restores the default for the slots that have one.
-#define TAM_SETTER_DEFAULT(slot, type)                                             \
+#define TAM_SETTER_DEFAULT(slot, type)                                                \
     extern "C" void TAM_set_on_##slot##_handler(TAM_KernelImpl* kernel, type handler) \
-    {                                                                              \
-        if (kernel)                                                                \
-            kernel->on_##slot = handler ? handler : TAM_default_on_##slot;         \
+    {                                                                                 \
+        if (kernel)                                                                   \
+            kernel->on_##slot = handler ? handler : TAM_default_on_##slot;            \
     }
 
 TAM_SETTER_DEFAULT(init_wanted, TAM_OnInitWanted)

@@ -31,8 +31,7 @@ public:
     virtual int send_cmd_data(void* cookie, const TAM_DataTAG* data, long flags,
                               const char* format) = 0;
     virtual int send_completion_wanted(const char* text) = 0;
-    virtual int send_dbg_cmd(unsigned char cmd, const char* fname, long fpos,
-                             const char* expr) = 0;
+    virtual int send_dbg_cmd(unsigned char cmd, const char* fname, long fpos, const char* expr) = 0;
     virtual int send_system_result(long result) = 0;
     virtual int send_input(int canceled, const char* text) = 0;
     virtual int send_textinput(int canceled, const char* text) = 0;

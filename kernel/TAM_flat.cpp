@@ -7,19 +7,18 @@
 
 #include "kernel/TAM_KernelImpl.h"
 
-#define TAM_GUARDED(call)  \
-    if (!kernel)           \
-        return 0;          \
-    try {                  \
+#define TAM_GUARDED(call)    \
+    if (!kernel)             \
+        return 0;            \
+    try {                    \
         return kernel->call; \
-    } catch (...) {        \
-        return 0;          \
+    } catch (...) {          \
+        return 0;            \
     }
 
 extern "C" {
 
-int TAM_send_new_client(TAM_KernelImpl* kernel, const char* name, const char* frame,
-                        long features)
+int TAM_send_new_client(TAM_KernelImpl* kernel, const char* name, const char* frame, long features)
 {
     // The formats every simple front end gets: long numbers as text, floats
     // as IEEE, identifier coding.

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake make pkg-config
+  g++ cmake make pkg-config clang-format
   libexpat1-dev zlib1g-dev qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgiac-dev

@@ -168,8 +168,8 @@ long TKheapStream::write(const void* data, unsigned long num_bytes, unsigned lon
     assert((data != 0) || (num_bytes == 0));
     unsigned long offset = pos_ - data_;
     if (num_bytes > size_ - offset) {
-        long rc = num_bytes > ULONG_MAX - offset ? status(OutOfMemory)
-                                                 : set_size(offset + num_bytes);
+        long rc =
+            num_bytes > ULONG_MAX - offset ? status(OutOfMemory) : set_size(offset + num_bytes);
         if (rc != Ok) {
             count = 0;
             return rc;
@@ -209,8 +209,7 @@ long TKheapStream::set_size(unsigned long n)
 
 // ---------------------------------------------------------- TKbufferStream
 
-TKbufferStream::TKbufferStream(unsigned char* buff, unsigned long len)
-    : TKmemoryStream(buff, len)
+TKbufferStream::TKbufferStream(unsigned char* buff, unsigned long len) : TKmemoryStream(buff, len)
 {
     end_ = buff + len;
 }

@@ -81,7 +81,8 @@ TKpayloadEncoder::~TKpayloadEncoder()
     deflateEnd(&zstream_);
 }
 
-int TKpayloadEncoder::deflatePass(int flush, TKbase64Encoder& base64, TKpayloadSink& sink, bool& sinkOk)
+int TKpayloadEncoder::deflatePass(int flush, TKbase64Encoder& base64, TKpayloadSink& sink,
+                                  bool& sinkOk)
 {
     unsigned char out[kBlock];
     zstream_.next_out = out;
@@ -139,10 +140,14 @@ TKpayloadDecoder::~TKpayloadDecoder()
 TKpayloadDecoder::Result TKpayloadDecoder::stateResult() const
 {
     switch (state_) {
-    case Running: return More;
-    case Ended: return End;
-    case Rejected: return Damaged;
-    default: return Broken;
+    case Running:
+        return More;
+    case Ended:
+        return End;
+    case Rejected:
+        return Damaged;
+    default:
+        return Broken;
     }
 }
 

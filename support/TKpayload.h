@@ -50,9 +50,9 @@ private:
 class TKpayloadEncoder {
 public:
     enum Result {
-        Done,        // the whole text went to the sink
-        SinkFailed,  // the sink refused a piece; nothing more was given to it
-        Failed       // the compressor failed (also after a failed set-up)
+        Done,       // the whole text went to the sink
+        SinkFailed, // the sink refused a piece; nothing more was given to it
+        Failed      // the compressor failed (also after a failed set-up)
     };
 
     // Sets up the compressor at Z_DEFAULT_COMPRESSION. A failed set-up (no
@@ -88,12 +88,12 @@ private:
 class TKpayloadDecoder {
 public:
     enum Result {
-        More,        // all taken; the zlib stream goes on
-        End,         // the zlib stream is complete; later text is ignored
-        Truncated,   // finish() only: the text ended before the zlib stream
-        Damaged,     // inflate rejected the data; later text is ignored
-        SinkFailed,  // the sink refused bytes; the rest of this piece is lost
-        Broken       // no usable inflate state (set-up failed, no memory)
+        More,       // all taken; the zlib stream goes on
+        End,        // the zlib stream is complete; later text is ignored
+        Truncated,  // finish() only: the text ended before the zlib stream
+        Damaged,    // inflate rejected the data; later text is ignored
+        SinkFailed, // the sink refused bytes; the rest of this piece is lost
+        Broken      // no usable inflate state (set-up failed, no memory)
     };
 
     // Sets up the inflater (zlib format). A failed set-up is not reported

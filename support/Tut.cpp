@@ -12,9 +12,15 @@
 
 namespace Tut {
 
-BadUnicodeString::BadUnicodeString() : std::runtime_error("incomplete Unicode string") {}
-BadBufferLength::BadBufferLength() : std::runtime_error("buffer too small") {}
-BadLocale::BadLocale() : std::runtime_error("current locale is not supported") {}
+BadUnicodeString::BadUnicodeString() : std::runtime_error("incomplete Unicode string")
+{
+}
+BadBufferLength::BadBufferLength() : std::runtime_error("buffer too small")
+{
+}
+BadLocale::BadLocale() : std::runtime_error("current locale is not supported")
+{
+}
 
 namespace {
 
@@ -26,8 +32,8 @@ namespace {
 // What the conversions need to know about the locale's encoding.
 struct LocaleCodec {
     QTextCodec* codec = nullptr;
-    bool utf8 = false;   // UTF-8 itself: valid UTF-8 passes through unchanged
-    bool ascii = false;  // maps the ASCII range to itself, both ways
+    bool utf8 = false;  // UTF-8 itself: valid UTF-8 passes through unchanged
+    bool ascii = false; // maps the ASCII range to itself, both ways
 };
 
 // Encodings that map every ASCII byte to the same character and back (by
@@ -37,16 +43,16 @@ struct LocaleCodec {
 bool isAsciiCompatible(int mib)
 {
     static const int ranges[][2] = {
-        {3, 12},       // US-ASCII, ISO-8859-1..9
-        {13, 13},      // ISO-8859-10
-        {18, 18},      // EUC-JP
-        {38, 38},      // EUC-KR
-        {106, 106},    // UTF-8
-        {109, 114},    // ISO-8859-13..16, GBK, GB18030
-        {2025, 2026},  // GB2312, Big5
-        {2084, 2084},  // KOI8-R
-        {2088, 2088},  // KOI8-U
-        {2250, 2258},  // windows-1250..1258
+        {3, 12},      // US-ASCII, ISO-8859-1..9
+        {13, 13},     // ISO-8859-10
+        {18, 18},     // EUC-JP
+        {38, 38},     // EUC-KR
+        {106, 106},   // UTF-8
+        {109, 114},   // ISO-8859-13..16, GBK, GB18030
+        {2025, 2026}, // GB2312, Big5
+        {2084, 2084}, // KOI8-R
+        {2088, 2088}, // KOI8-U
+        {2250, 2258}, // windows-1250..1258
     };
     for (const auto& r : ranges)
         if (mib >= r[0] && mib <= r[1])
@@ -86,7 +92,7 @@ const LocaleCodec& localeCodecInfo()
 
     std::size_t n = std::strlen(codeset);
     if (n >= sizeof(lastCodeset))
-        lastCodeset[0] = '\0';  // too long to remember: looked up again next time
+        lastCodeset[0] = '\0'; // too long to remember: looked up again next time
     else
         std::memcpy(lastCodeset, codeset, n + 1);
     return info;
@@ -118,7 +124,7 @@ std::size_t utf8Sequence(const unsigned char* p, std::size_t n)
 {
     const unsigned c = p[0];
     std::size_t len;
-    unsigned lo = 0x80, hi = 0xBF;  // bounds of the second byte
+    unsigned lo = 0x80, hi = 0xBF; // bounds of the second byte
     if (c >= 0xC2 && c <= 0xDF)
         len = 2;
     else if (c >= 0xE0 && c <= 0xEF)
@@ -387,9 +393,9 @@ long utf16ToLoc(const unsigned short* src, long len, char* dst, unsigned long ds
     if (len == 0)
         return 0;
     const int units = inputLength(src, len);
-    const QByteArray r = units == 0
-        ? QByteArray()
-        : localeCodec()->fromUnicode(reinterpret_cast<const QChar*>(src), units);
+    const QByteArray r =
+        units == 0 ? QByteArray()
+                   : localeCodec()->fromUnicode(reinterpret_cast<const QChar*>(src), units);
     const long n = r.size();
     const long k = len < 0 ? n + 1 : n;
     if (static_cast<unsigned long>(k) > dstLen)

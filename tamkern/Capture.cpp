@@ -25,7 +25,7 @@ namespace {
 // has been redirected.
 int gLogFd = 2;
 std::mutex gLogMutex;
-}
+} // namespace
 
 void klog(const char* fmt, ...)
 {
@@ -143,7 +143,7 @@ void OutputCapture::reader()
         char buf[4096];
         ssize_t n = ::read(pipeRead_, buf, sizeof buf);
         if (n == 0)
-            return;  // all writers gone
+            return; // all writers gone
         if (n > 0)
             appendLocked(buf, static_cast<std::size_t>(n));
         else if (errno != EAGAIN && errno != EINTR)

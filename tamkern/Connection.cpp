@@ -70,7 +70,8 @@ void Connection::readAvailable()
 void Connection::flush()
 {
     while (!closed_ && hasUnsent()) {
-        ssize_t n = ::send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n =
+            ::send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
             sent_ += static_cast<std::size_t>(n);
             continue;

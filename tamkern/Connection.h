@@ -77,10 +77,10 @@ private:
     RequestSink onRequest_;
     CloseSink onClose_;
     std::unique_ptr<RequestReader> reader_;
-    std::string out_;           // bytes not yet sent
-    std::size_t sent_ = 0;      // of out_
-    std::size_t largest_ = 0;   // biggest message queued since out_ was empty
-    std::size_t waiting_ = 0;   // requests waiting for the engine
+    std::string out_;         // bytes not yet sent
+    std::size_t sent_ = 0;    // of out_
+    std::size_t largest_ = 0; // biggest message queued since out_ was empty
+    std::size_t waiting_ = 0; // requests waiting for the engine
     bool reading_ = true;
     bool closed_ = false;
 };

@@ -36,18 +36,34 @@ struct Setting {
     long long (*apply)(ResultStyle& style, long value);
 };
 const Setting kSettings[] = {
-    {Request::TextWidth, [](ResultStyle& s, long v) { s.textWidth = v; return static_cast<long long>(v); }},
-    {Request::PrettyPrint, [](ResultStyle& s, long v) { s.prettyPrint = v != 0; return s.prettyPrint ? 1LL : 0LL; }},
-    {Request::AbbreviateOutput, [](ResultStyle& s, long v) { s.abbreviate = v != 0; return s.abbreviate ? 1LL : 0LL; }},
+    {Request::TextWidth,
+     [](ResultStyle& s, long v) {
+         s.textWidth = v;
+         return static_cast<long long>(v);
+     }},
+    {Request::PrettyPrint,
+     [](ResultStyle& s, long v) {
+         s.prettyPrint = v != 0;
+         return s.prettyPrint ? 1LL : 0LL;
+     }},
+    {Request::AbbreviateOutput,
+     [](ResultStyle& s, long v) {
+         s.abbreviate = v != 0;
+         return s.abbreviate ? 1LL : 0LL;
+     }},
 };
 
 Question questionOf(Request::Kind kind)
 {
     switch (kind) {
-    case Request::Input: return Question::Input;
-    case Request::TextInput: return Question::TextInput;
-    case Request::SysResult: return Question::System;
-    default: return Question::Callback;
+    case Request::Input:
+        return Question::Input;
+    case Request::TextInput:
+        return Question::TextInput;
+    case Request::SysResult:
+        return Question::System;
+    default:
+        return Question::Callback;
     }
 }
 
@@ -94,13 +110,16 @@ std::string statusMessage(long client)
     }
     rusage ru{};
     if (::getrusage(RUSAGE_SELF, &ru) == 0)
-        sec = ru.ru_utime.tv_sec + ru.ru_stime.tv_sec + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1000000;
+        sec = ru.ru_utime.tv_sec + ru.ru_stime.tv_sec +
+              (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1000000;
     return msgStatus(client, used, res, sec);
 }
 
 } // namespace
 
-Dispatcher::Dispatcher(Host& host, Engine& engine) : host_(host), engine_(engine) {}
+Dispatcher::Dispatcher(Host& host, Engine& engine) : host_(host), engine_(engine)
+{
+}
 
 void Dispatcher::request(int conn, Request& req)
 {
@@ -132,7 +151,8 @@ void Dispatcher::announce(int conn, const Request& req)
     host_.send(conn, msgEmpty("sendinit", id));
     if (typeset)
         host_.send(conn, msgFormats("selformat", id, "result",
-                                    std::vector<std::string>(std::begin(ResultFormats), std::end(ResultFormats))));
+                                    std::vector<std::string>(std::begin(ResultFormats),
+                                                             std::end(ResultFormats))));
 }
 
 Client* Dispatcher::resolve(int conn, const Request& req)
@@ -172,7 +192,7 @@ bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
         removeClient(cl.id);
         return true;
     case Request::DbgCmd:
-        return true;  // this kernel has no debugger and never asks for one
+        return true; // this kernel has no debugger and never asks for one
     case Request::Input:
     case Request::TextInput:
     case Request::SysResult:
@@ -186,7 +206,7 @@ bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
 
 void Dispatcher::connectionClosed(int conn)
 {
-    std::vector<long> ids = session_.of(conn);  // removeClient changes it
+    std::vector<long> ids = session_.of(conn); // removeClient changes it
     for (long id : ids)
         removeClient(id);
 }
@@ -273,7 +293,8 @@ void Dispatcher::chooseFormat(Client& cl, const Request& req)
     if (req.type == "result" && isResultFormat(req.value))
         cl.style.format = req.value;
     else
-        klog("client %ld: no format \"%.40s\" for \"%.40s\"", cl.id, req.value.c_str(), req.type.c_str());
+        klog("client %ld: no format \"%.40s\" for \"%.40s\"", cl.id, req.value.c_str(),
+             req.type.c_str());
     std::string current = req.type == "result" ? cl.style.format : std::string("text");
     host_.send(cl.conn, msgFormats("format", cl.id, req.type, {current}));
 }

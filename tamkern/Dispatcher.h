@@ -73,7 +73,7 @@ private:
     Engine& engine_;
     Session session_;
     std::deque<Pending> queue_;
-    bool busy_ = false;  // the engine has a job
+    bool busy_ = false; // the engine has a job
     bool quitting_ = false;
 };
 

@@ -12,10 +12,10 @@ namespace tamkern {
 
 // How a client wants its results.
 struct ResultStyle {
-    long textWidth = 0;        // < 1: no wrapping
-    bool prettyPrint = false;  // matrices one row per line
-    bool abbreviate = false;   // shorten very long results
-    std::string format = "text";  // one of ResultFormats
+    long textWidth = 0;          // < 1: no wrapping
+    bool prettyPrint = false;    // matrices one row per line
+    bool abbreviate = false;     // shorten very long results
+    std::string format = "text"; // one of ResultFormats
 };
 
 // The result formats an engine produces.
@@ -27,17 +27,17 @@ struct Job {
     Kind kind = Command;
     long client = -1;
     long long cid = 0;
-    std::string text;               // command text, or the completion prefix
-    std::vector<std::string> args;  // init arguments
+    std::string text;              // command text, or the completion prefix
+    std::vector<std::string> args; // init arguments
     ResultStyle style;
 };
 
 // The questions a running command may put to its client, and the answers.
 enum class Question { Input, TextInput, System, Callback };
 struct Answer {
-    bool canceled = false;  // input canceled, callback error
-    std::string text;       // input text, callback payload bytes
-    long long value = 0;    // system result
+    bool canceled = false; // input canceled, callback error
+    std::string text;      // input text, callback payload bytes
+    long long value = 0;   // system result
 };
 
 // What the engine reports to the server. Either call may come from any

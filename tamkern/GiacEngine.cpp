@@ -13,7 +13,10 @@ public:
     Channel(GiacEngine& engine, long client) : engine_(engine), client_(client) {}
 
     void post(std::string message) override { engine_.host_.post(client_, std::move(message)); }
-    Answer ask(Question q, std::string message) override { return engine_.ask(client_, q, std::move(message)); }
+    Answer ask(Question q, std::string message) override
+    {
+        return engine_.ask(client_, q, std::move(message));
+    }
     bool interrupted() override { return engine_.interruptRequested(); }
 
 private:
@@ -21,7 +24,9 @@ private:
     long client_;
 };
 
-GiacEngine::GiacEngine(EngineHost& host, OutputCapture* capture) : host_(host), capture_(capture) {}
+GiacEngine::GiacEngine(EngineHost& host, OutputCapture* capture) : host_(host), capture_(capture)
+{
+}
 
 GiacEngine::~GiacEngine()
 {
@@ -91,7 +96,8 @@ bool GiacEngine::shutdown(int timeoutMs)
         if (running_)
             raiseInterruptLocked();
         cond_.notify_all();
-        if (!cond_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return finished_; }))
+        if (!cond_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                            [this] { return finished_; }))
             return false;
     }
     thread_.join();

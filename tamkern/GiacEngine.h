@@ -40,7 +40,7 @@ private:
     class Channel;
     struct Queued {
         Job job;
-        bool stopped = false;  // stop arrived before the worker took it
+        bool stopped = false; // stop arrived before the worker took it
     };
 
     void run();
@@ -57,7 +57,7 @@ private:
     std::mutex mutex_;
     std::condition_variable cond_;
     std::vector<Queued> jobs_;
-    std::vector<long> gone_;  // clients that left; their jobs are dropped
+    std::vector<long> gone_; // clients that left; their jobs are dropped
     bool quit_ = false;
     bool finished_ = false;
     // The running job and its question.

@@ -18,7 +18,8 @@ namespace {
 giac::gen tamInput(const giac::gen& args, const giac::context* ctx)
 {
     GiacSession& s = GiacSession::current();
-    Answer a = s.ask(Question::Input, msgSendInput(s.job().client, s.job().cid, false, giacText(args, ctx)));
+    Answer a = s.ask(Question::Input,
+                     msgSendInput(s.job().client, s.job().cid, false, giacText(args, ctx)));
     if (a.canceled)
         throw Failure("input canceled");
     return s.parseAnswer(a.text, "input");
@@ -27,7 +28,8 @@ giac::gen tamInput(const giac::gen& args, const giac::context* ctx)
 giac::gen tamTextInput(const giac::gen& args, const giac::context* ctx)
 {
     GiacSession& s = GiacSession::current();
-    Answer a = s.ask(Question::TextInput, msgSendInput(s.job().client, s.job().cid, true, giacText(args, ctx)));
+    Answer a = s.ask(Question::TextInput,
+                     msgSendInput(s.job().client, s.job().cid, true, giacText(args, ctx)));
     if (a.canceled)
         throw Failure("input canceled");
     return giac::string2gen(a.text, false);
@@ -43,7 +45,8 @@ giac::gen tamSystem(const giac::gen& args, const giac::context* ctx)
 giac::gen tamCallback(const giac::gen& args, const giac::context* ctx)
 {
     GiacSession& s = GiacSession::current();
-    Answer a = s.ask(Question::Callback, msgCallback(s.job().client, s.job().cid, "utf8", trimmed(args.print(ctx))));
+    Answer a = s.ask(Question::Callback,
+                     msgCallback(s.job().client, s.job().cid, "utf8", trimmed(args.print(ctx))));
     if (a.canceled)
         throw Failure("callback failed");
     return s.parseAnswer(a.text, "callback result");
@@ -69,15 +72,15 @@ void registerFrontEndFunctions()
     };
     // Constructing the pointer with a parser token registers the name.
     std::size_t n = 0;
-    for (const Def& d : {Def{tamTextInput, "textinput"}, Def{tamSystem, "system"},
-                         Def{tamCallback, "callback"}}) {
+    for (const Def& d :
+         {Def{tamTextInput, "textinput"}, Def{tamSystem, "system"}, Def{tamCallback, "callback"}}) {
         auto* ev = new giac::unary_function_eval(0, d.fn, d.name);
         gRegistered[n++] = new giac::unary_function_ptr(ev, 0, 1);
     }
     // input is a parser keyword and cannot be re-registered; Giac routes it
     // through its table of interactive functions instead (entry 0).
     static giac::gen_op_context interactive[10] = {tamInput, nullptr, nullptr, nullptr, nullptr,
-                                                   nullptr, nullptr, nullptr, nullptr, nullptr};
+                                                   nullptr,  nullptr, nullptr, nullptr, nullptr};
     giac::interactive_op_tab = interactive;
 }
 

@@ -42,7 +42,8 @@ std::string asTex(const giac::gen& r, const Job& j, const giac::context* ctx)
 
 std::string asMathml(const giac::gen& r, const Job& j, const giac::context* ctx)
 {
-    std::string m = "<math xmlns=\"http://www.w3.org/1998/Math/MathML\">" + giac::gen2mathml(r, ctx) + "</math>";
+    std::string m = "<math xmlns=\"http://www.w3.org/1998/Math/MathML\">" +
+                    giac::gen2mathml(r, ctx) + "</math>";
     return msgOutputText(j.client, j.cid, "result", "mathml", m);
 }
 
@@ -56,7 +57,8 @@ struct Renderer {
     const char* format;
     std::string (*render)(const giac::gen&, const Job&, const giac::context*);
 };
-const Renderer kRenderers[] = {{"text", asText}, {"tex", asTex}, {"mathml", asMathml}, {"utf8", asUtf8}};
+const Renderer kRenderers[] = {
+    {"text", asText}, {"tex", asTex}, {"mathml", asMathml}, {"utf8", asUtf8}};
 
 } // namespace
 

@@ -124,7 +124,7 @@ std::streamsize LineBuf::xsputn(const char* s, std::streamsize n)
 // Evaluation of one command text.
 struct GiacSession::Outcome {
     bool ok = false;
-    bool nothing = false;  // no value to show
+    bool nothing = false; // no value to show
     bool help = false;
     giac::gen value;
     std::string error;
@@ -161,9 +161,15 @@ void GiacSession::run(const Job& job, JobChannel& channel)
     job_ = &job;
     channel_ = &channel;
     switch (job.kind) {
-    case Job::Init: runInit(job); break;
-    case Job::Command: runCommand(job); break;
-    case Job::Complete: runComplete(job); break;
+    case Job::Init:
+        runInit(job);
+        break;
+    case Job::Command:
+        runCommand(job);
+        break;
+    case Job::Complete:
+        runComplete(job);
+        break;
     }
     job_ = nullptr;
     channel_ = nullptr;
@@ -217,7 +223,7 @@ GiacSession::Outcome GiacSession::evaluate(const std::string& text, bool silent)
 {
     Outcome out;
     if (trimmed(text).empty()) {
-        out.ok = out.nothing = true;  // an empty line asks for nothing
+        out.ok = out.nothing = true; // an empty line asks for nothing
         return out;
     }
     std::string left = takeCaptured();
@@ -346,7 +352,7 @@ void GiacSession::loadInit(const std::string& dir)
     if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
         return;
     if (!loadedInits_.insert(path).second)
-        return;  // one shared session: the file has done its work
+        return; // one shared session: the file has done its work
     std::ifstream in(path);
     std::string line;
     int lineNo = 0;
@@ -373,7 +379,8 @@ void GiacSession::runComplete(const Job& j)
         if (isName(n) && std::strncmp(n, pref.c_str(), pref.size()) == 0)
             names.insert(n);
     };
-    for (auto p = giac::builtin_lexer_functions_begin(); p != giac::builtin_lexer_functions_end(); ++p)
+    for (auto p = giac::builtin_lexer_functions_begin(); p != giac::builtin_lexer_functions_end();
+         ++p)
         consider(p->first);
     for (const auto& kv : giac::lexer_functions())
         consider(kv.first);

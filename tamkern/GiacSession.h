@@ -16,7 +16,7 @@
 namespace giac {
 class gen;
 class context;
-}
+} // namespace giac
 
 namespace tamkern {
 

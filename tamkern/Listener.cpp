@@ -33,11 +33,13 @@ bool clearStale(const sockaddr_un& addr)
     if (::lstat(addr.sun_path, &st) != 0)
         return true;
     int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    bool live = probe >= 0 && ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), addressLength(addr)) == 0;
+    bool live = probe >= 0 && ::connect(probe, reinterpret_cast<const sockaddr*>(&addr),
+                                        addressLength(addr)) == 0;
     if (probe >= 0)
         ::close(probe);
     if (!S_ISSOCK(st.st_mode) || live) {
-        klog("%s exists and is %s", addr.sun_path, live ? "in use by a running kernel" : "not a socket");
+        klog("%s exists and is %s", addr.sun_path,
+             live ? "in use by a running kernel" : "not a socket");
         return false;
     }
     ::unlink(addr.sun_path);
@@ -79,7 +81,9 @@ bool fromOwner(int fd)
 
 } // namespace
 
-Listener::Listener(std::string path) : path_(std::move(path)) {}
+Listener::Listener(std::string path) : path_(std::move(path))
+{
+}
 
 Listener::~Listener()
 {

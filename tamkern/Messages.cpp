@@ -64,14 +64,30 @@ void appendEscaped(std::string& out, std::string_view text)
             continue;
         }
         switch (c) {
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '&': out += "&amp;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&apos;"; break;
-        case '\n': out += "&#10;"; break;
-        case '\r': out += "&#13;"; break;
-        case '\t': out += "&#9;"; break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        case '\'':
+            out += "&apos;";
+            break;
+        case '\n':
+            out += "&#10;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
+        case '\t':
+            out += "&#9;";
+            break;
         default:
             if (c >= 0x20 && c != 0x7F)
                 out += static_cast<char>(c);
@@ -120,7 +136,8 @@ void appendMCode(std::string& out, std::string_view format, std::string_view byt
     // A compressor that fails (no memory) leaves the text short; the element
     // is closed all the same so that the stream stays well-formed.
     StringSink sink(out, std::string::npos);
-    TKpayloadEncoder().encode(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), sink);
+    TKpayloadEncoder().encode(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                              sink);
     out += "</mcode>";
 }
 
@@ -132,7 +149,8 @@ bool decodeMCode(std::string_view base64, std::string& bytes)
     bytes.clear();
     StringSink sink(bytes, MaxPayload);
     TKpayloadDecoder decoder;
-    if (decoder.write(base64.data(), static_cast<long>(base64.size()), sink) == TKpayloadDecoder::SinkFailed)
+    if (decoder.write(base64.data(), static_cast<long>(base64.size()), sink) ==
+        TKpayloadDecoder::SinkFailed)
         return false;
     return decoder.finish(sink) == TKpayloadDecoder::End;
 }
@@ -208,14 +226,14 @@ std::string Message::finish()
     return std::move(out_);
 }
 
-std::string msgOutputText(long cl, long long cid, std::string_view type,
-                          std::string_view format, std::string_view text)
+std::string msgOutputText(long cl, long long cid, std::string_view type, std::string_view format,
+                          std::string_view text)
 {
     return Message("output", cl).attr("cid", cid).attr("type", type).text(format, text).finish();
 }
 
-std::string msgOutputData(long cl, long long cid, std::string_view type,
-                          std::string_view format, std::string_view bytes)
+std::string msgOutputData(long cl, long long cid, std::string_view type, std::string_view format,
+                          std::string_view bytes)
 {
     return Message("output", cl).attr("cid", cid).attr("type", type).mcode(format, bytes).finish();
 }
@@ -266,8 +284,11 @@ std::string msgFormats(const char* name, long cl, std::string_view type,
 
 std::string msgSendInput(long cl, long long cid, bool textInput, std::string_view prompt)
 {
-    return Message("sendinput", cl).attr("cid", cid).attr("text", textInput ? 1LL : 0LL)
-        .text("text", prompt).finish();
+    return Message("sendinput", cl)
+        .attr("cid", cid)
+        .attr("text", textInput ? 1LL : 0LL)
+        .text("text", prompt)
+        .finish();
 }
 
 std::string msgCallback(long cl, long long cid, std::string_view format, std::string_view bytes)

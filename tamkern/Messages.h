@@ -48,12 +48,12 @@ private:
 };
 
 // The messages the kernel sends.
-std::string msgOutputText(long cl, long long cid, std::string_view type,
-                          std::string_view format, std::string_view text);
-std::string msgOutputData(long cl, long long cid, std::string_view type,
-                          std::string_view format, std::string_view bytes);
+std::string msgOutputText(long cl, long long cid, std::string_view type, std::string_view format,
+                          std::string_view text);
+std::string msgOutputData(long cl, long long cid, std::string_view type, std::string_view format,
+                          std::string_view bytes);
 std::string msgFinished(long cl, long long cid);
-std::string msgEmpty(const char* name, long cl);  // ready, sendinit
+std::string msgEmpty(const char* name, long cl); // ready, sendinit
 std::string msgValue(const char* name, long cl, std::string_view value);
 std::string msgValue(const char* name, long cl, long long value);
 std::string msgStatus(long cl, long long used, long long res, long long sec);

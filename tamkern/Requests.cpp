@@ -12,22 +12,47 @@ namespace {
 
 // Element ids: the requests first, in Request::Kind order, then the parts.
 enum Element {
-    E_newclient, E_init, E_cmd, E_complete, E_dbgcmd, E_sysresult, E_input, E_textinput,
-    E_callresult, E_textwidth, E_prettyprint, E_abbreviateoutput, E_format, E_sendstatus,
-    E_stop, E_quit,
-    E_root, E_iarg, E_text, E_mcode
+    E_newclient,
+    E_init,
+    E_cmd,
+    E_complete,
+    E_dbgcmd,
+    E_sysresult,
+    E_input,
+    E_textinput,
+    E_callresult,
+    E_textwidth,
+    E_prettyprint,
+    E_abbreviateoutput,
+    E_format,
+    E_sendstatus,
+    E_stop,
+    E_quit,
+    E_root,
+    E_iarg,
+    E_text,
+    E_mcode
 };
-const char* const kElements[] = {
-    "newclient", "init", "cmd", "complete", "dbgcmd", "sysresult", "input", "textinput",
-    "callresult", "textwidth", "prettyprint", "abbreviateoutput", "format", "sendstatus",
-    "stop", "quit",
-    "tamkernRequests", "iarg", "text", "mcode"
-};
+const char* const kElements[] = {"newclient",       "init",       "cmd",         "complete",
+                                 "dbgcmd",          "sysresult",  "input",       "textinput",
+                                 "callresult",      "textwidth",  "prettyprint", "abbreviateoutput",
+                                 "format",          "sendstatus", "stop",        "quit",
+                                 "tamkernRequests", "iarg",       "text",        "mcode"};
 
-enum Attr { A_cl, A_cid, A_name, A_frame, A_features, A_value, A_type, A_canceled, A_error, A_format };
-const char* const kAttrs[] = {
-    "cl", "cid", "name", "frame", "features", "value", "type", "canceled", "error", "format"
+enum Attr {
+    A_cl,
+    A_cid,
+    A_name,
+    A_frame,
+    A_features,
+    A_value,
+    A_type,
+    A_canceled,
+    A_error,
+    A_format
 };
+const char* const kAttrs[] = {"cl",    "cid",  "name",     "frame", "features",
+                              "value", "type", "canceled", "error", "format"};
 
 template <std::size_t N>
 int lookup(const char* const (&names)[N], const char* name)
@@ -82,7 +107,8 @@ bool RequestReader::feed(const char* data, int len)
     if (!parser_->parse(data, len, false)) {
         if (fault_.empty()) {
             char buf[160];
-            std::snprintf(buf, sizeof buf, "malformed request stream (XML error %d at line %lu column %lu)",
+            std::snprintf(buf, sizeof buf,
+                          "malformed request stream (XML error %d at line %lu column %lu)",
                           parser_->errorCode(), parser_->line(), parser_->column());
             fault_ = buf;
         }
@@ -123,7 +149,7 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
     if (!fault_.empty())
         return;
     if (depth_ == 1) {
-        return;  // the injected root
+        return; // the injected root
     }
     if (depth_ == 2) {
         if (id > E_quit) {
@@ -148,14 +174,29 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
                     req_.cid = v;
                 break;
             }
-            case A_name: req_.name = a.value; break;
-            case A_frame: req_.frame = a.value; break;
-            case A_features: req_.features = a.value; break;
-            case A_value: req_.value = a.value; break;
-            case A_type: req_.type = a.value; break;
-            case A_canceled: req_.canceled = flag(a.value); break;
-            case A_error: req_.error = flag(a.value); break;
-            default: break;
+            case A_name:
+                req_.name = a.value;
+                break;
+            case A_frame:
+                req_.frame = a.value;
+                break;
+            case A_features:
+                req_.features = a.value;
+                break;
+            case A_value:
+                req_.value = a.value;
+                break;
+            case A_type:
+                req_.type = a.value;
+                break;
+            case A_canceled:
+                req_.canceled = flag(a.value);
+                break;
+            case A_error:
+                req_.error = flag(a.value);
+                break;
+            default:
+                break;
             }
         }
         if (id == E_textinput) {

@@ -15,22 +15,36 @@ namespace tamkern {
 
 struct Request {
     enum Kind {
-        NewClient, Init, Cmd, Complete, DbgCmd, SysResult, Input, TextInput, CallResult,
-        TextWidth, PrettyPrint, AbbreviateOutput, Format, SendStatus, Stop, Quit
+        NewClient,
+        Init,
+        Cmd,
+        Complete,
+        DbgCmd,
+        SysResult,
+        Input,
+        TextInput,
+        CallResult,
+        TextWidth,
+        PrettyPrint,
+        AbbreviateOutput,
+        Format,
+        SendStatus,
+        Stop,
+        Quit
     };
     Kind kind = Cmd;
-    bool hasCl = false;   // the request named a client
-    bool clValid = true;  // ... as a number
+    bool hasCl = false;  // the request named a client
+    bool clValid = true; // ... as a number
     long cl = -1;
     long long cid = 0;
-    std::string name, frame, features;  // newclient
-    std::string type, value;            // format; value of the value attribute
-    bool canceled = false;              // input, textinput
-    bool error = false;                 // callresult
-    std::vector<std::string> args;      // init
-    bool hasText = false;               // a text child (cmd, input) or content (textinput)
+    std::string name, frame, features; // newclient
+    std::string type, value;           // format; value of the value attribute
+    bool canceled = false;             // input, textinput
+    bool error = false;                // callresult
+    std::vector<std::string> args;     // init
+    bool hasText = false;              // a text child (cmd, input) or content (textinput)
     std::string text;
-    bool hasPayload = false;            // an mcode child (cmd, callresult)
+    bool hasPayload = false; // an mcode child (cmd, callresult)
     std::string payloadFormat;
     std::string payloadBase64;
 };
@@ -76,10 +90,10 @@ private:
     std::unique_ptr<Xml::Parser> parser_;
     std::string fault_;
     int depth_ = 0;         // open known elements, the injected root included
-    std::size_t quiet_ = 0;  // bytes fed since the last event
+    std::size_t quiet_ = 0; // bytes fed since the last event
     bool inRequest_ = false;
     Request req_;
-    std::string* collect_ = nullptr;  // where character data goes now
+    std::string* collect_ = nullptr; // where character data goes now
 };
 
 } // namespace tamkern

@@ -19,8 +19,8 @@ struct pollfd;
 namespace tamkern {
 
 struct ServerOptions {
-    std::string path;         // where to listen
-    bool standalone = false;  // --listen: outlive the clients, no SIGUSR1
+    std::string path;        // where to listen
+    bool standalone = false; // --listen: outlive the clients, no SIGUSR1
 };
 
 // One poll() over the listening socket, the connections and a wake-up pipe,
@@ -81,7 +81,7 @@ private:
     bool engineStuck_ = false;
 
     std::mutex eventMutex_;
-    std::vector<Event> events_;  // from the engine, in order
+    std::vector<Event> events_; // from the engine, in order
 };
 
 } // namespace tamkern

@@ -14,7 +14,7 @@ namespace tamkern {
 // One client: what it announced, and how it wants its results.
 struct Client {
     long id = -1;
-    int conn = -1;  // the connection it was announced on, for good
+    int conn = -1; // the connection it was announced on, for good
     std::string name;
     std::set<std::string> features;
     ResultStyle style;

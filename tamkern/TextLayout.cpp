@@ -25,8 +25,17 @@ std::vector<std::size_t> charStarts(std::string_view line)
 bool breaksAfter(char c)
 {
     switch (c) {
-    case ' ': case ',': case ';': case ')': case ']': case '}':
-    case '+': case '-': case '*': case '/': case '=':
+    case ' ':
+    case ',':
+    case ';':
+    case ')':
+    case ']':
+    case '}':
+    case '+':
+    case '-':
+    case '*':
+    case '/':
+    case '=':
         return true;
     default:
         return false;
@@ -37,9 +46,9 @@ void wrapLine(std::string& out, std::string_view line, std::size_t width)
 {
     std::vector<std::size_t> starts = charStarts(line);
     std::size_t chars = starts.size() - 1;
-    std::size_t first = 0;  // index of the first character of the current piece
+    std::size_t first = 0; // index of the first character of the current piece
     while (chars - first > width) {
-        std::size_t cut = first + width;  // character index where the piece ends
+        std::size_t cut = first + width; // character index where the piece ends
         for (std::size_t k = first + width; k > first + width - width / 3; --k) {
             if (breaksAfter(line[starts[k - 1]])) {
                 cut = k;
@@ -64,7 +73,8 @@ std::string wrapText(std::string_view text, long width)
     std::size_t pos = 0;
     for (;;) {
         std::size_t nl = text.find('\n', pos);
-        std::string_view line = text.substr(pos, nl == std::string_view::npos ? std::string_view::npos : nl - pos);
+        std::string_view line =
+            text.substr(pos, nl == std::string_view::npos ? std::string_view::npos : nl - pos);
         wrapLine(out, line, static_cast<std::size_t>(width));
         if (nl == std::string_view::npos)
             break;

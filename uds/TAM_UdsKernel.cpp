@@ -36,7 +36,7 @@ TAM_UdsKernel::~TAM_UdsKernel()
             }
         }
     }
-    long left = proc->release();  // may destroy proc
+    long left = proc->release(); // may destroy proc
     bool lastClient = left <= 0 || (quitRef && left <= 1);
     // Only the last client waits for a kernel launched here: while other
     // clients still use it the kernel keeps running, and waiting for it

@@ -31,9 +31,8 @@ public:
     // Writes the announcement and sends it, then waits in the process's
     // pending list for the kernel to give this client an id. Refused for a
     // client that has an id or is already waiting for one.
-    int send_new_client(const char* name, const char* frame, long features,
-                        unsigned char longfmt, unsigned char floatfmt,
-                        unsigned char coding) override;
+    int send_new_client(const char* name, const char* frame, long features, unsigned char longfmt,
+                        unsigned char floatfmt, unsigned char coding) override;
 
     // Called by the process when it binds this client to an id.
     void set_client_id(long id) { clientId_ = id; }

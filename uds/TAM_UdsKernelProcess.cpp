@@ -27,7 +27,9 @@ namespace {
 
 // Socket files live here; the kernel's name is only reserved with mkstemp
 // and then created by the kernel itself.
-#define TAM_SOCKET_DIR "/var/tmp/" "/"
+#define TAM_SOCKET_DIR \
+    "/var/tmp/"        \
+    "/"
 const char kKernelTemplate[] = TAM_SOCKET_DIR "tamkrXXXXXX";
 const char kClientTemplate[] = TAM_SOCKET_DIR "tamclXXXXXX";
 const char kErrorPrefix[] = "TAM_UdsKernelProcess";
@@ -110,8 +112,7 @@ int TAM_UdsKernelProcess::client_connect(const char* listen_path)
     sockaddr_un addr;
     socklen_t len;
     unlink(path);
-    if (!fillAddress(addr, len, path) ||
-        bind(s, reinterpret_cast<sockaddr*>(&addr), len) < 0)
+    if (!fillAddress(addr, len, path) || bind(s, reinterpret_cast<sockaddr*>(&addr), len) < 0)
         return failStep(-3, s, tmpFd);
     close(tmpFd);
     if (chmod(path, 0700) < 0)
@@ -192,16 +193,15 @@ TAM_UdsKernelProcess* TAM_UdsKernelProcess::new_proc(const char* kernel_path, co
     signal(SIGUSR1, oldUsr1);
     signal(SIGCHLD, oldChld);
     if (died)
-        return nullptr;  // already reaped above
+        return nullptr; // already reaped above
 
     int fd = client_connect(path);
     if (fd < 0)
-        return nullptr;  // the kernel is left running
+        return nullptr; // the kernel is left running
     return register_proc(name, fd, path, pid);
 }
 
-TAM_UdsKernelProcess* TAM_UdsKernelProcess::connect_proc(const char* listen_path,
-                                                         const char* name)
+TAM_UdsKernelProcess* TAM_UdsKernelProcess::connect_proc(const char* listen_path, const char* name)
 {
     if (!listen_path)
         return nullptr;
@@ -255,16 +255,8 @@ void TAM_UdsKernelProcess::hang_up(int fd)
 
 TAM_UdsKernelProcess::TAM_UdsKernelProcess(const char* name, int fd, const char* listen_path,
                                            int pid)
-    : fd_(fd),
-      msgParser_(this),
-      refCount_(1),
-      name_(nullptr),
-      listenPath_(nullptr),
-      quitting_(false),
-      pid_(pid),
-      serial_(gNextSerial++),
-      dispatching_(0),
-      doomed_(false)
+    : fd_(fd), msgParser_(this), refCount_(1), name_(nullptr), listenPath_(nullptr),
+      quitting_(false), pid_(pid), serial_(gNextSerial++), dispatching_(0), doomed_(false)
 {
     if (name) {
         name_ = copyText(name);
@@ -410,7 +402,7 @@ TAM_KernelImpl* TAM_UdsKernelProcess::kernel(long clientId)
     try {
         kernels_[clientId] = k;
     } catch (...) {
-        return nullptr;  // stays pending for the next new id
+        return nullptr; // stays pending for the next new id
     }
     pending_.erase(pending_.begin());
     k->set_client_id(clientId);
@@ -420,13 +412,13 @@ TAM_KernelImpl* TAM_UdsKernelProcess::kernel(long clientId)
 void TAM_UdsKernelProcess::onQuit()
 {
     if (doomed_)
-        return;  // nobody holds it any more; its socket is already closed
+        return; // nobody holds it any more; its socket is already closed
     // A second quit in the same read: the clients have been told and the
     // socket is closed. Another reference here would never be given back,
     // so the process would outlive its last client.
     if (quitting_)
         return;
-    addRef();  // given back by the input loop when it drops this process
+    addRef(); // given back by the input loop when it drops this process
     quitting_ = true;
 
     std::vector<TAM_UdsKernel*> clients;
@@ -508,7 +500,7 @@ bool TAM_UdsKernelProcess::read_and_dispatch()
     char buf[1024];
     ssize_t n = read(fd_, buf, sizeof buf);
     if (n <= 0)
-        return true;  // closed by the kernel or failed: nothing to do
+        return true; // closed by the kernel or failed: nothing to do
     ++dispatching_;
     msgParser_.saveParse(buf, static_cast<int>(n));
     --dispatching_;

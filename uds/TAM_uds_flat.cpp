@@ -15,7 +15,7 @@ TAM_KernelImpl* newConnection(TAM_UdsKernelProcess* proc)
         return nullptr;
     TAM_UdsKernel* kernel = new (std::nothrow) TAM_UdsKernel(proc);
     if (!kernel) {
-        proc->release();  // destroys a process that nobody else holds
+        proc->release(); // destroys a process that nobody else holds
         return nullptr;
     }
     return kernel;

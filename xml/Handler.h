@@ -8,10 +8,10 @@ namespace Xml {
 
 // One attribute of a known start tag, as the handler named it.
 struct Attribute {
-    int nsId;           // namespace id set by Handler::attributeName
-    int id;             // attribute id set by Handler::attributeName
-    const char* value;  // UTF-8, NUL-terminated, entities resolved; valid only
-                        // during the startElement call
+    int nsId;          // namespace id set by Handler::attributeName
+    int id;            // attribute id set by Handler::attributeName
+    const char* value; // UTF-8, NUL-terminated, entities resolved; valid only
+                       // during the startElement call
 };
 
 // Receiver of parser events. Element and attribute names are never seen as
@@ -49,7 +49,7 @@ public:
     virtual void onEndElement(int nsId, int id);
 
 protected:
-    std::uint64_t ignoreDepth_ = 0;  // open elements being skipped
+    std::uint64_t ignoreDepth_ = 0; // open elements being skipped
 };
 
 } // namespace Xml

@@ -4,12 +4,11 @@
 
 namespace Xml {
 
-Parser::Parser(Handler* handler, bool ns, const char* encoding)
-    : useNs_(ns)
+Parser::Parser(Handler* handler, bool ns, const char* encoding) : useNs_(ns)
 {
     parser_ = ns ? XML_ParserCreateNS(encoding, NsSeparator) : XML_ParserCreate(encoding);
     if (!parser_)
-        return;  // stays without parser and without handler
+        return; // stays without parser and without handler
     handler_ = handler;
     XML_SetUserData(parser_, this);
     XML_SetElementHandler(parser_, &Parser::startHdl, &Parser::endHdl);
@@ -105,7 +104,7 @@ void XMLCALL Parser::startHdl(void* userData, const char* name, const char** att
     self->attrs_.clear();
     for (const char** a = atts; a && a[0]; a += 2) {
         self->handlerName(a[0], ns, local);
-        int attrNsId = 0;  // same reasoning as for the element ids
+        int attrNsId = 0; // same reasoning as for the element ids
         int attrId = 0;
         if (h->attributeName(ns, local, attrNsId, attrId))
             self->attrs_.push_back(Attribute{attrNsId, attrId, a[1]});
@@ -127,7 +126,7 @@ void XMLCALL Parser::endHdl(void* userData, const char* name)
     const char* ns;
     const char* local;
     self->handlerName(name, ns, local);
-    int nsId = 0;  // see startHdl
+    int nsId = 0; // see startHdl
     int id = 0;
     if (h->elementName(ns, local, nsId, id))
         h->onEndElement(nsId, id);

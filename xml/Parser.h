@@ -47,10 +47,10 @@ protected:
     // Name as handed to the handler: split when namespaces are on, else as is.
     void handlerName(const char* name, const char*& ns, const char*& local);
 
-    XML_Parser parser_ = nullptr;         // owned; null if expat failed
-    Handler* handler_ = nullptr;          // not owned
-    std::vector<char> nameBuf_;           // scratch for split names; only grows
-    std::vector<Attribute> attrs_;        // attributes of the current start tag
+    XML_Parser parser_ = nullptr;  // owned; null if expat failed
+    Handler* handler_ = nullptr;   // not owned
+    std::vector<char> nameBuf_;    // scratch for split names; only grows
+    std::vector<Attribute> attrs_; // attributes of the current start tag
     bool useNs_ = false;
 };
 

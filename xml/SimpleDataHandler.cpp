@@ -53,7 +53,7 @@ void SimpleDataHandler::onEndElement(int nsId, int id)
     inEnd_ = false;
     if (wantData_) {
         wantData_ = false;
-        text_.clear();  // keeps the capacity for the next element
+        text_.clear(); // keeps the capacity for the next element
     }
 }
 

@@ -36,7 +36,7 @@ public:
 protected:
     std::vector<char> text_;
     bool wantData_ = false;
-    bool inEnd_ = false;  // onEndElement is calling endElement
+    bool inEnd_ = false; // onEndElement is calling endElement
 };
 
 } // namespace Xml

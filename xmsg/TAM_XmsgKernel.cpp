@@ -10,7 +10,9 @@
 
 // A failed set-up of the payload encoder shows as a failing payload later;
 // requests without payloads still work.
-TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok) {}
+TAM_XmsgKernel::TAM_XmsgKernel() : status_(TKstream::Ok)
+{
+}
 
 TAM_XmsgKernel::~TAM_XmsgKernel() = default;
 
@@ -86,12 +88,18 @@ bool passesUnchanged(unsigned char c)
 std::string_view replacement(unsigned char c)
 {
     switch (c) {
-    case '"': return "&quot;";
-    case '&': return "&amp;";
-    case '\'': return "&apos;";
-    case '<': return "&lt;";
-    case '>': return "&gt;";
-    default: return {};
+    case '"':
+        return "&quot;";
+    case '&':
+        return "&amp;";
+    case '\'':
+        return "&apos;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    default:
+        return {};
     }
 }
 
@@ -298,8 +306,7 @@ int TAM_XmsgKernel::send_completion_wanted(const char* text)
     return xsend_value("complete", [&] { xput_cdata(text); });
 }
 
-int TAM_XmsgKernel::send_dbg_cmd(unsigned char cmd, const char* fname, long fpos,
-                                 const char* expr)
+int TAM_XmsgKernel::send_dbg_cmd(unsigned char cmd, const char* fname, long fpos, const char* expr)
 {
     xbegin_lit("dbgcmd");
     xput_lit(" cmd=\"");

@@ -22,16 +22,14 @@ public:
     TAM_XmsgKernel();
     ~TAM_XmsgKernel() override;
 
-    int send_new_client(const char* name, const char* frame, long features,
-                        unsigned char longfmt, unsigned char floatfmt,
-                        unsigned char coding) override;
+    int send_new_client(const char* name, const char* frame, long features, unsigned char longfmt,
+                        unsigned char floatfmt, unsigned char coding) override;
     int send_init(long argc, const char** argv) override;
     int send_cmd(void* cookie, const char* cmd, long flags, const char* format) override;
     int send_cmd_data(void* cookie, const TAM_DataTAG* data, long flags,
                       const char* format) override;
     int send_completion_wanted(const char* text) override;
-    int send_dbg_cmd(unsigned char cmd, const char* fname, long fpos,
-                     const char* expr) override;
+    int send_dbg_cmd(unsigned char cmd, const char* fname, long fpos, const char* expr) override;
     int send_system_result(long result) override;
     int send_input(int canceled, const char* text) override;
     int send_textinput(int canceled, const char* text) override;
@@ -54,7 +52,10 @@ protected:
     // xbegin with an element name given as a literal, whose length is known
     // here: the requests use this.
     template <unsigned long N>
-    void xbegin_lit(const char (&name)[N]) { xbegin(name, N - 1); }
+    void xbegin_lit(const char (&name)[N])
+    {
+        xbegin(name, N - 1);
+    }
     // 0 if any write of the request failed (the stream is then not flushed);
     // else flushes and returns 1 if that worked.
     virtual int xend();
@@ -62,7 +63,10 @@ protected:
     // Guarded writes of encoded values.
     void xput_raw(const char* data, unsigned long len);
     template <unsigned long N>
-    void xput_lit(const char (&text)[N]) { xput_raw(text, N - 1); }
+    void xput_lit(const char (&text)[N])
+    {
+        xput_raw(text, N - 1);
+    }
     void xput_int(long value);
     void xput_bool(int value);
     void xput_cookie(void* cookie);

@@ -31,7 +31,7 @@ void TAM_XmsgKernel::xput_mcode(const TAM_DataTAG* data)
             xput_lit("</mcode>");
             break;
         case TKpayloadEncoder::SinkFailed:
-            break;  // status_ holds the failed write; the element stays open
+            break; // status_ holds the failed write; the element stays open
         case TKpayloadEncoder::Failed:
             status_ = TKstream::Error;
             break;

@@ -69,8 +69,7 @@ TAM_XmsgParser::TAM_XmsgParser(TAM_XmsgParserHandler* handler)
     : Xml::Parser(handler, false, "UTF-8")
 {
     if (parser_) {
-        XML_SetElementHandler(parser_, &TAM_XmsgParser::guardedStart,
-                              &TAM_XmsgParser::guardedEnd);
+        XML_SetElementHandler(parser_, &TAM_XmsgParser::guardedStart, &TAM_XmsgParser::guardedEnd);
         XML_SetCharacterDataHandler(parser_, &TAM_XmsgParser::guardedChars);
     }
 }

@@ -37,44 +37,55 @@ const Name elC[] = {{"callback", H::ElCallback},
                     {"complete", H::ElComplete},
                     {"completion", H::ElCompletion},
                     {"csframe", H::ElCsframe}};
-const Name elD[] = {{"dbginfo", H::ElDbginfo}, {"display", H::ElDisplay}, {"dispvar", H::ElDispvar}};
-const Name elF[] = {{"finished", H::ElFinished},
-                    {"fmt", H::ElFmt},
-                    {"format", H::ElFormat},
-                    {"frame", H::ElFrame}};
+const Name elD[] = {
+    {"dbginfo", H::ElDbginfo}, {"display", H::ElDisplay}, {"dispvar", H::ElDispvar}};
+const Name elF[] = {
+    {"finished", H::ElFinished}, {"fmt", H::ElFmt}, {"format", H::ElFormat}, {"frame", H::ElFrame}};
 const Name elH[] = {{"help", H::ElHelp}};
 const Name elM[] = {{"mcode", H::ElMcode}};
 const Name elO[] = {{"output", H::ElOutput}};
 const Name elP[] = {{"plotfile", H::ElPlotfile}, {"prettyprint", H::ElPrettyprint}};
 const Name elQ[] = {{"quit", H::ElQuit}};
 const Name elR[] = {{"ready", H::ElReady}, {"reset", H::ElReset}};
-const Name elS[] = {{"selformat", H::ElSelformat},
-                    {"senddbgcmd", H::ElSenddbgcmd},
-                    {"sendinit", H::ElSendinit},
-                    {"sendinput", H::ElSendinput},
-                    {"status", H::ElStatus},
-                    {"system", H::ElSystem}};
+const Name elS[] = {{"selformat", H::ElSelformat}, {"senddbgcmd", H::ElSenddbgcmd},
+                    {"sendinit", H::ElSendinit},   {"sendinput", H::ElSendinput},
+                    {"status", H::ElStatus},       {"system", H::ElSystem}};
 const Name elT[] = {{"text", H::ElText}, {"textwidth", H::ElTextwidth}};
 const Name elRoot[] = {{"TamixXMsgClientMessage", H::ElRoot}};
 
 int elementId(const char* name)
 {
     switch (name[0]) {
-    case 'a': return find(elA, name);
-    case 'b': return find(elB, name);
-    case 'c': return find(elC, name);
-    case 'd': return find(elD, name);
-    case 'f': return find(elF, name);
-    case 'h': return find(elH, name);
-    case 'm': return find(elM, name);
-    case 'o': return find(elO, name);
-    case 'p': return find(elP, name);
-    case 'q': return find(elQ, name);
-    case 'r': return find(elR, name);
-    case 's': return find(elS, name);
-    case 't': return find(elT, name);
-    case 'T': return find(elRoot, name);
-    default: return -1;
+    case 'a':
+        return find(elA, name);
+    case 'b':
+        return find(elB, name);
+    case 'c':
+        return find(elC, name);
+    case 'd':
+        return find(elD, name);
+    case 'f':
+        return find(elF, name);
+    case 'h':
+        return find(elH, name);
+    case 'm':
+        return find(elM, name);
+    case 'o':
+        return find(elO, name);
+    case 'p':
+        return find(elP, name);
+    case 'q':
+        return find(elQ, name);
+    case 'r':
+        return find(elR, name);
+    case 's':
+        return find(elS, name);
+    case 't':
+        return find(elT, name);
+    case 'T':
+        return find(elRoot, name);
+    default:
+        return -1;
     }
 }
 
@@ -94,19 +105,32 @@ const Name atV[] = {{"value", H::AtValue}};
 int attributeId(const char* name)
 {
     switch (name[0]) {
-    case 'c': return find(atC, name);
-    case 'd': return find(atD, name);
-    case 'e': return find(atE, name);
-    case 'f': return find(atF, name);
-    case 'l': return find(atL, name);
-    case 'n': return find(atN, name);
-    case 'p': return find(atP, name);
-    case 'r': return find(atR, name);
-    case 's': return find(atS, name);
-    case 't': return find(atT, name);
-    case 'u': return find(atU, name);
-    case 'v': return find(atV, name);
-    default: return -1;
+    case 'c':
+        return find(atC, name);
+    case 'd':
+        return find(atD, name);
+    case 'e':
+        return find(atE, name);
+    case 'f':
+        return find(atF, name);
+    case 'l':
+        return find(atL, name);
+    case 'n':
+        return find(atN, name);
+    case 'p':
+        return find(atP, name);
+    case 'r':
+        return find(atR, name);
+    case 's':
+        return find(atS, name);
+    case 't':
+        return find(atT, name);
+    case 'u':
+        return find(atU, name);
+    case 'v':
+        return find(atV, name);
+    default:
+        return -1;
     }
 }
 
@@ -153,15 +177,8 @@ const char** strings(std::vector<char*>& v)
 // ---- construction ----------------------------------------------------------
 
 TAM_XmsgParserHandler::TAM_XmsgParserHandler()
-    : kernel_(nullptr),
-      hasData_(false),
-      content_(512, 512),
-      inText_(false),
-      inMCode_(false),
-      cookie_(0),
-      textInput_(0),
-      fmtCount_(0),
-      level_(0)
+    : kernel_(nullptr), hasData_(false), content_(512, 512), inText_(false), inMCode_(false),
+      cookie_(0), textInput_(0), fmtCount_(0), level_(0)
 {
     // A message without text reads its content as the empty text.
     emptyContent();
@@ -303,24 +320,24 @@ struct TAM_XmsgParserHandler::Rules {
     // to; the stream has no other notion of nesting (a part that follows
     // its message still acts on that message's client).
     enum Context : unsigned char {
-        Stream,   // anywhere, for no client: the root, quit
-        Message,  // anywhere; forgets the current client and names its own in cl
-        Part      // only while a message with a known client is current
+        Stream,  // anywhere, for no client: the root, quit
+        Message, // anywhere; forgets the current client and names its own in cl
+        Part     // only while a message with a known client is current
     };
     // State that a start tag resets before its attributes are read (what
     // it keeps from them is set whether they are there or not).
     enum Reset : unsigned {
         Cookie = 1u << 0,
-        Content = 1u << 1,  // hasData_, content_ and format_
-        Lists = 1u << 2,    // the debugger lists
-        Formats = 1u << 3   // fmtCount_
+        Content = 1u << 1, // hasData_, content_ and format_
+        Lists = 1u << 2,   // the debugger lists
+        Formats = 1u << 3  // fmtCount_
     };
     // Attributes that a start tag keeps in the parse state.
     enum Record : unsigned {
-        KeepCid = 1u << 0,       // as cookie_
-        KeepLevel = 1u << 1,     // as level_
-        KeepType = 1u << 2,      // as type_, only for a known client
-        KeepTextFlag = 1u << 3   // the text flag, as textInput_
+        KeepCid = 1u << 0,     // as cookie_
+        KeepLevel = 1u << 1,   // as level_
+        KeepType = 1u << 2,    // as type_, only for a known client
+        KeepTextFlag = 1u << 3 // the text flag, as textInput_
     };
     // What the character data of the element is collected as.
     enum Opens : unsigned char { Nothing, Text, Payload };
@@ -328,11 +345,11 @@ struct TAM_XmsgParserHandler::Rules {
     struct Rule {
         int id;
         Context context;
-        unsigned resets;   // Reset bits
-        unsigned records;  // Record bits
+        unsigned resets;  // Reset bits
+        unsigned records; // Record bits
         Opens opens;
-        void (*start)(H&, Values);  // after the resets and records; may be null
-        void (*end)(H&);            // may be null
+        void (*start)(H&, Values); // after the resets and records; may be null
+        void (*end)(H&);           // may be null
     };
 
     // The rule of element id, or null for an id outside the vocabulary.
@@ -345,8 +362,14 @@ struct TAM_XmsgParserHandler::Rules {
         K* k = h.kernel_;
         return k && k->*slot ? k : nullptr;
     }
-    static TAM_DataTAG payload(H& h) { return {h.format_.c_str(), h.content_.data(), h.content_.length()}; }
-    static const char* contentText(H& h) { return reinterpret_cast<const char*>(h.content_.data()); }
+    static TAM_DataTAG payload(H& h)
+    {
+        return {h.format_.c_str(), h.content_.data(), h.content_.length()};
+    }
+    static const char* contentText(H& h)
+    {
+        return reinterpret_cast<const char*>(h.content_.data());
+    }
 
     // ---- what a start tag does before it delivers ---------------------------
 
@@ -374,7 +397,7 @@ struct TAM_XmsgParserHandler::Rules {
         if (records & KeepLevel)
             h.level_ = number(v[AtLevel]);
         if ((records & KeepType) && h.kernel_)
-            h.type_.assign(raw(v[AtType]));  // keeps the capacity
+            h.type_.assign(raw(v[AtType])); // keeps the capacity
         if (records & KeepTextFlag)
             h.textInput_ = flag(v[AtText]);
     }
@@ -506,7 +529,8 @@ struct TAM_XmsgParserHandler::Rules {
     {
         K* k = h.kernel_;
         if (k && !h.hasData_ && k->on_output) {
-            k->on_output(k, cookiePtr(h.cookie_), h.type_.c_str(), h.format_.c_str(), contentText(h));
+            k->on_output(k, cookiePtr(h.cookie_), h.type_.c_str(), h.format_.c_str(),
+                         contentText(h));
         } else if (k && h.hasData_ && k->on_output_data) {
             const TAM_DataTAG data = payload(h);
             k->on_output_data(k, cookiePtr(h.cookie_), h.type_.c_str(), &data);
@@ -530,7 +554,8 @@ struct TAM_XmsgParserHandler::Rules {
     {
         // With a payload the prompt is not passed on.
         if (K* k = receiver(h, &K::on_input_wanted))
-            k->on_input_wanted(k, cookiePtr(h.cookie_), h.textInput_, h.hasData_ ? "" : contentText(h));
+            k->on_input_wanted(k, cookiePtr(h.cookie_), h.textInput_,
+                               h.hasData_ ? "" : contentText(h));
         h.format_.clear();
         h.emptyContent();
     }
@@ -622,14 +647,17 @@ struct TAM_XmsgParserHandler::Rules {
         {ElOutput, Message, Cookie | Content, KeepCid | KeepType, Nothing, nullptr, endOutput},
         {ElPlotfile, Message, Cookie, KeepCid, Nothing, startPlotfile, nullptr},
         {ElPrettyprint, Message, 0, 0, Nothing, notifyFlag<&K::on_pretty_print_changed>, nullptr},
-        {ElAbbreviateoutput, Message, 0, 0, Nothing, notifyFlag<&K::on_abbreviate_output_changed>, nullptr},
+        {ElAbbreviateoutput, Message, 0, 0, Nothing, notifyFlag<&K::on_abbreviate_output_changed>,
+         nullptr},
         {ElQuit, Stream, 0, 0, Nothing, startQuit, nullptr},
         {ElReady, Message, 0, 0, Nothing, notify<&K::on_kernel_ready>, nullptr},
         {ElReset, Message, 0, 0, Nothing, notify<&K::on_reset>, nullptr},
         {ElSelformat, Message, Formats, KeepType, Nothing, nullptr, endSelformat},
-        {ElSenddbgcmd, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_dbg_cmd_wanted>, nullptr},
+        {ElSenddbgcmd, Message, Cookie, KeepCid, Nothing, notifyCookie<&K::on_dbg_cmd_wanted>,
+         nullptr},
         {ElSendinit, Message, 0, 0, Nothing, notify<&K::on_init_wanted>, nullptr},
-        {ElSendinput, Message, Cookie | Content, KeepCid | KeepTextFlag, Nothing, nullptr, endSendinput},
+        {ElSendinput, Message, Cookie | Content, KeepCid | KeepTextFlag, Nothing, nullptr,
+         endSendinput},
         {ElStatus, Message, 0, 0, Nothing, startStatus, nullptr},
         {ElSystem, Message, 0, 0, Nothing, notifyText<&K::on_system>, nullptr},
         {ElText, Part, 0, 0, Text, nullptr, endText},

@@ -24,7 +24,7 @@ class TAM_XmsgParserHandler : public Xml::Handler {
 public:
     // Element ids. Names are matched exactly and case-sensitively.
     enum Element {
-        ElRoot = 0,               // TamixXMsgClientMessage (injected)
+        ElRoot = 0, // TamixXMsgClientMessage (injected)
         ElBreakpoints = 1,
         ElBreakpt = 2,
         ElCallback = 3,
@@ -56,7 +56,7 @@ public:
         ElSystem = 29,
         ElText = 30,
         ElTextwidth = 31,
-        ElCount = 32  // one past the highest id
+        ElCount = 32 // one past the highest id
     };
 
     // Attribute ids. 9 is not assigned; "enc" is known but read by nobody.
@@ -82,7 +82,7 @@ public:
         AtType = 19,
         AtUsed = 20,
         AtValue = 21,
-        AtCount = 22  // one past the highest id
+        AtCount = 22 // one past the highest id
     };
 
     TAM_XmsgParserHandler();
@@ -123,23 +123,23 @@ protected:
     // decoder for the next payload and terminates the content.
     void endMCode();
 
-    TAM_KernelImpl* kernel_;          // current client, not owned
-    TKpayloadDecoder decoder_;        // base64 and inflate state: mcode text to bytes
-    bool hasData_;                    // the message carries a payload
-    TKheapStream content_;            // text (locale) or payload bytes
-    bool inText_;                     // character data is text content
-    bool inMCode_;                    // character data is base64 payload
-    int64_t cookie_;                  // "cid" of the message
-    std::string type_;                // "type", raw UTF-8
-    std::string format_;              // "format" of text or mcode, raw UTF-8
-    int32_t textInput_;               // "text" flag of sendinput
-    std::vector<const char*> fmtList_;  // formats of this message, interned
-    std::vector<char*> fmtNames_;     // every distinct format name (malloc)
-    int64_t fmtCount_;                // entries of fmtList_ in this message
-    std::vector<char*> dbgNames_;     // locale, malloc'd
+    TAM_KernelImpl* kernel_;           // current client, not owned
+    TKpayloadDecoder decoder_;         // base64 and inflate state: mcode text to bytes
+    bool hasData_;                     // the message carries a payload
+    TKheapStream content_;             // text (locale) or payload bytes
+    bool inText_;                      // character data is text content
+    bool inMCode_;                     // character data is base64 payload
+    int64_t cookie_;                   // "cid" of the message
+    std::string type_;                 // "type", raw UTF-8
+    std::string format_;               // "format" of text or mcode, raw UTF-8
+    int32_t textInput_;                // "text" flag of sendinput
+    std::vector<const char*> fmtList_; // formats of this message, interned
+    std::vector<char*> fmtNames_;      // every distinct format name (malloc)
+    int64_t fmtCount_;                 // entries of fmtList_ in this message
+    std::vector<char*> dbgNames_;      // locale, malloc'd
     std::vector<long> dbgPositions_;
-    std::vector<char*> dbgTexts_;     // locale, malloc'd
-    int64_t level_;                   // "level" of callstack
+    std::vector<char*> dbgTexts_; // locale, malloc'd
+    int64_t level_;               // "level" of callstack
 
 private:
     // What each element does at its start and end tag; one rule per element.

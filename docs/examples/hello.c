@@ -63,8 +63,8 @@ static void on_kernel_ready(TAM_KernelImpl* kernel)
 }
 
 /* Text output. The texts are valid during this call only. */
-static void on_output(TAM_KernelImpl* kernel, void* cookie, const char* type,
-                      const char* format, const char* text)
+static void on_output(TAM_KernelImpl* kernel, void* cookie, const char* type, const char* format,
+                      const char* text)
 {
     struct session* s = session_of(kernel);
     printf("%s (%s): %s\n", type, format, text);

@@ -78,13 +78,13 @@ typedef struct TAM_KernelImpl TAM_KernelImpl;
  * (on_output_data, on_callback), the record and its bytes belong to the
  * library and are valid only during the call. */
 typedef struct TAM_DataTAG {
-    const char* format;         /* name of the coding, a protocol word that is
-                                   sent and received unconverted; null sends
-                                   an empty name */
-    const unsigned char* data;  /* first payload byte; may be null when
-                                   length is 0 */
-    uint64_t length;            /* number of payload bytes; the bytes are not
-                                   NUL-terminated */
+    const char* format;        /* name of the coding, a protocol word that is
+                                  sent and received unconverted; null sends
+                                  an empty name */
+    const unsigned char* data; /* first payload byte; may be null when
+                                  length is 0 */
+    uint64_t length;           /* number of payload bytes; the bytes are not
+                                  NUL-terminated */
 } TAM_DataTAG;
 
 /* Feature bits of TAM_send_new_client and TAM_send_new_client_ext: what the
@@ -98,22 +98,22 @@ typedef struct TAM_DataTAG {
  * it offer the formats of its results right after the announcement
  * (on_select_format). */
 enum {
-    TAM_FEATURE_STAY_ALIVE        = 0x1,
+    TAM_FEATURE_STAY_ALIVE = 0x1,
     TAM_FEATURE_COMPLETE_COMMANDS = 0x2,
-    TAM_FEATURE_CAN_DEBUG         = 0x4,
-    TAM_FEATURE_CAN_LAZY_DEBUG    = 0x8,
-    TAM_FEATURE_DEBUGGER_UI       = 0x10,
-    TAM_FEATURE_CAN_PLOT          = 0x20,
-    TAM_FEATURE_CAN_INPUT         = 0x400,
-    TAM_FEATURE_CAN_TEXTINPUT     = 0x800,
-    TAM_FEATURE_CAN_HELP          = 0x1000,
-    TAM_FEATURE_CAN_HELP_DVI      = 0x2000,
-    TAM_FEATURE_CAN_BROWSE_HELP   = 0x4000,
-    TAM_FEATURE_CAN_EXEC_SYSTEM   = 0x8000,
-    TAM_FEATURE_CAN_QUIT          = 0x10000,
-    TAM_FEATURE_CAN_CALLBACK      = 0x20000,
-    TAM_FEATURE_CAN_TYPESET       = 0x40000,
-    TAM_FEATURE_CAN_PROTOCOL      = 0x80000
+    TAM_FEATURE_CAN_DEBUG = 0x4,
+    TAM_FEATURE_CAN_LAZY_DEBUG = 0x8,
+    TAM_FEATURE_DEBUGGER_UI = 0x10,
+    TAM_FEATURE_CAN_PLOT = 0x20,
+    TAM_FEATURE_CAN_INPUT = 0x400,
+    TAM_FEATURE_CAN_TEXTINPUT = 0x800,
+    TAM_FEATURE_CAN_HELP = 0x1000,
+    TAM_FEATURE_CAN_HELP_DVI = 0x2000,
+    TAM_FEATURE_CAN_BROWSE_HELP = 0x4000,
+    TAM_FEATURE_CAN_EXEC_SYSTEM = 0x8000,
+    TAM_FEATURE_CAN_QUIT = 0x10000,
+    TAM_FEATURE_CAN_CALLBACK = 0x20000,
+    TAM_FEATURE_CAN_TYPESET = 0x40000,
+    TAM_FEATURE_CAN_PROTOCOL = 0x80000
 };
 
 /* Number formats and codings of TAM_send_new_client_ext, sent as words:
@@ -270,8 +270,8 @@ typedef void (*TAM_OnDisplayList)(TAM_KernelImpl* kernel, long count, const char
                                   const char** values);
 typedef void (*TAM_OnBreakpointList)(TAM_KernelImpl* kernel, long count, const char** fnames,
                                      const long* fpos, const char** conds);
-typedef void (*TAM_OnCallStack)(TAM_KernelImpl* kernel, long level, long count,
-                                const char** fnames, const long* fpos, const char** procs);
+typedef void (*TAM_OnCallStack)(TAM_KernelImpl* kernel, long level, long count, const char** fnames,
+                                const long* fpos, const char** procs);
 /* The kernel has been reset. */
 typedef void (*TAM_OnReset)(TAM_KernelImpl* kernel);
 /* The kernel process quits. Called for every connection of that process
@@ -304,11 +304,12 @@ typedef void (*TAM_OnQuit)(TAM_KernelImpl* kernel);
  *   that calls it directly. */
 TAMIX_API void TAM_default_on_init_wanted(TAM_KernelImpl* kernel);
 TAMIX_API void TAM_default_on_input_wanted(TAM_KernelImpl* kernel, void* cookie, int text,
-                                 const char* prompt);
-TAMIX_API void TAM_default_on_callback(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data);
+                                           const char* prompt);
+TAMIX_API void TAM_default_on_callback(TAM_KernelImpl* kernel, void* cookie,
+                                       const TAM_DataTAG* data);
 TAMIX_API void TAM_default_on_system(TAM_KernelImpl* kernel, const char* value);
 TAMIX_API void TAM_default_on_select_format(TAM_KernelImpl* kernel, const char* type, long count,
-                                  const char** formats);
+                                            const char** formats);
 TAMIX_API void TAM_default_on_dbg_cmd_wanted(TAM_KernelImpl* kernel, void* cookie);
 
 /* Handler setters, one per kind of message, all with the same contract.
@@ -334,20 +335,26 @@ TAMIX_API void TAM_set_on_callback_handler(TAM_KernelImpl* kernel, TAM_OnCallbac
 TAMIX_API void TAM_set_on_help_handler(TAM_KernelImpl* kernel, TAM_OnHelp handler);
 TAMIX_API void TAM_set_on_system_handler(TAM_KernelImpl* kernel, TAM_OnSystem handler);
 TAMIX_API void TAM_set_on_frame_changed_handler(TAM_KernelImpl* kernel, TAM_OnFrameChanged handler);
-TAMIX_API void TAM_set_on_textwidth_changed_handler(TAM_KernelImpl* kernel, TAM_OnTextwidthChanged handler);
+TAMIX_API void TAM_set_on_textwidth_changed_handler(TAM_KernelImpl* kernel,
+                                                    TAM_OnTextwidthChanged handler);
 TAMIX_API void TAM_set_on_pretty_print_changed_handler(TAM_KernelImpl* kernel,
-                                             TAM_OnPrettyPrintChanged handler);
+                                                       TAM_OnPrettyPrintChanged handler);
 TAMIX_API void TAM_set_on_abbreviate_output_changed_handler(TAM_KernelImpl* kernel,
-                                                  TAM_OnAbbreviateOutputChanged handler);
-TAMIX_API void TAM_set_on_format_changed_handler(TAM_KernelImpl* kernel, TAM_OnFormatChanged handler);
+                                                            TAM_OnAbbreviateOutputChanged handler);
+TAMIX_API void TAM_set_on_format_changed_handler(TAM_KernelImpl* kernel,
+                                                 TAM_OnFormatChanged handler);
 TAMIX_API void TAM_set_on_select_format_handler(TAM_KernelImpl* kernel, TAM_OnSelectFormat handler);
 TAMIX_API void TAM_set_on_status_handler(TAM_KernelImpl* kernel, TAM_OnStatus handler);
-TAMIX_API void TAM_set_on_input_completion_handler(TAM_KernelImpl* kernel, TAM_OnInputCompletion handler);
-TAMIX_API void TAM_set_on_plot_result_file_handler(TAM_KernelImpl* kernel, TAM_OnPlotResultFile handler);
-TAMIX_API void TAM_set_on_dbg_cmd_wanted_handler(TAM_KernelImpl* kernel, TAM_OnDbgCmdWanted handler);
+TAMIX_API void TAM_set_on_input_completion_handler(TAM_KernelImpl* kernel,
+                                                   TAM_OnInputCompletion handler);
+TAMIX_API void TAM_set_on_plot_result_file_handler(TAM_KernelImpl* kernel,
+                                                   TAM_OnPlotResultFile handler);
+TAMIX_API void TAM_set_on_dbg_cmd_wanted_handler(TAM_KernelImpl* kernel,
+                                                 TAM_OnDbgCmdWanted handler);
 TAMIX_API void TAM_set_on_dbg_info_handler(TAM_KernelImpl* kernel, TAM_OnDbgInfo handler);
 TAMIX_API void TAM_set_on_display_list_handler(TAM_KernelImpl* kernel, TAM_OnDisplayList handler);
-TAMIX_API void TAM_set_on_breakpoint_list_handler(TAM_KernelImpl* kernel, TAM_OnBreakpointList handler);
+TAMIX_API void TAM_set_on_breakpoint_list_handler(TAM_KernelImpl* kernel,
+                                                  TAM_OnBreakpointList handler);
 TAMIX_API void TAM_set_on_call_stack_handler(TAM_KernelImpl* kernel, TAM_OnCallStack handler);
 TAMIX_API void TAM_set_on_reset_handler(TAM_KernelImpl* kernel, TAM_OnReset handler);
 TAMIX_API void TAM_set_on_quit_handler(TAM_KernelImpl* kernel, TAM_OnQuit handler);
@@ -389,12 +396,12 @@ TAMIX_API void* TAM_get_client_data(TAM_KernelImpl* kernel);
  * message for it (the reference kernel: on_init_wanted, then, with
  * TAM_FEATURE_CAN_TYPESET, on_select_format). */
 TAMIX_API int TAM_send_new_client(TAM_KernelImpl* kernel, const char* name, const char* frame,
-                        long features);
+                                  long features);
 /* TAM_send_new_client with the number formats and coding given: longfmt,
  * floatfmt and coding as described with TAM_LONGFMT_TEXT and its kin. */
 TAMIX_API int TAM_send_new_client_ext(TAM_KernelImpl* kernel, const char* name, const char* frame,
-                            long features, unsigned char longfmt, unsigned char floatfmt,
-                            unsigned char coding);
+                                      long features, unsigned char longfmt, unsigned char floatfmt,
+                                      unsigned char coding);
 /* The start-up arguments, in answer to on_init_wanted. argv: argc texts
  * (locale); argc 0 or less sends none, and a null argv sends argc empty
  * texts. The reference kernel takes "-l" followed by its library directory
@@ -411,13 +418,13 @@ TAMIX_API int TAM_send_cmd(TAM_KernelImpl* kernel, void* cookie, const char* cmd
  * that goes with the command unconverted (null or empty: none). The
  * reference kernel ignores both. */
 TAMIX_API int TAM_send_cmd_ext(TAM_KernelImpl* kernel, void* cookie, const char* cmd, long flags,
-                     const char* format);
+                               const char* format);
 /* A command given as a payload instead of text; cookie, flags and format as
  * for TAM_send_cmd_ext. data: null sends a command without payload. The
  * reference kernel takes payloads coded "utf8" (the command text in UTF-8)
  * and answers any other coding with an error output. */
-TAMIX_API int TAM_send_cmd_data(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data, long flags,
-                      const char* format);
+TAMIX_API int TAM_send_cmd_data(TAM_KernelImpl* kernel, void* cookie, const TAM_DataTAG* data,
+                                long flags, const char* format);
 /* Asks for the completions of text (locale); the kernel answers with
  * on_input_completion. */
 TAMIX_API int TAM_send_completion_wanted(TAM_KernelImpl* kernel, const char* text);
@@ -426,8 +433,8 @@ TAMIX_API int TAM_send_completion_wanted(TAM_KernelImpl* kernel, const char* tex
  * a byte of 0x80 or more is taken as a character of the locale); fname and
  * expr: a file name and an expression (locale); fpos: a position in the
  * file. The reference kernel has no debugger and ignores it. */
-TAMIX_API int TAM_send_dbg_cmd(TAM_KernelImpl* kernel, unsigned char cmd, const char* fname, long fpos,
-                     const char* expr);
+TAMIX_API int TAM_send_dbg_cmd(TAM_KernelImpl* kernel, unsigned char cmd, const char* fname,
+                               long fpos, const char* expr);
 /* The result of the system command that on_system asked for. */
 TAMIX_API int TAM_send_system_result(TAM_KernelImpl* kernel, long result);
 /* The answers to on_input_wanted: TAM_send_input when its text argument
@@ -592,7 +599,8 @@ TAMIX_API void TAM_exit_lib(void);
 TAMIX_API int TAM_set_event_handler(TAM_KernelImpl* kernel, void* handler);
 TAMIX_API int TAM_set_fatal_exit_handler(void* handler);
 TAMIX_API TAM_KernelImpl* TAM_new_wmsg_kernel(const char* kernel_path, const char* name);
-TAMIX_API TAM_KernelImpl* TAM_get_wmsg_kernel(const char* kernel_path, const char* name, int launch);
+TAMIX_API TAM_KernelImpl* TAM_get_wmsg_kernel(const char* kernel_path, const char* name,
+                                              int launch);
 TAMIX_API char** TAM_get_wmsg_kernel_names(void);
 
 #ifdef __cplusplus

@@ -32,7 +32,8 @@ inline void writeSeeds(int argc, char** argv, const std::vector<std::string>& se
         int n = 0;
         for (const std::string& s : seeds)
             for (const char* head : {"\x00\x00", "\x01\x01", "\x07\x1d"})
-                std::ofstream(std::string(argv[i]) + "/seed" + std::to_string(n++), std::ios::binary)
+                std::ofstream(std::string(argv[i]) + "/seed" + std::to_string(n++),
+                              std::ios::binary)
                     << std::string(head, 2) + s;
         return;
     }

@@ -95,8 +95,10 @@ void agree(const std::string& in, Buffer toBuffer, Flex toFlex, Copy toCopy)
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     std::setlocale(LC_ALL, "");
-    fuzz::writeSeeds(*argc, *argv, {"eJxLTEoGAAJNASc=", " eJxLT\nEoGAA JNASc ", "QQ==QQ", "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80",
-                                    "\xc3\x28\xed\xa0\x80\xc0\xaf\xff", std::string("x\0y\xe4", 4)});
+    fuzz::writeSeeds(*argc, *argv,
+                     {"eJxLTEoGAAJNASc=", " eJxLT\nEoGAA JNASc ", "QQ==QQ",
+                      "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\x28\xed\xa0\x80\xc0\xaf\xff",
+                      std::string("x\0y\xe4", 4)});
     return 0;
 }
 
@@ -119,9 +121,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     check(streamed == decodeBytewise(in), "streamed and bytewise decoding");
 
     // Encoding, whole and streamed, then back.
-    std::string whole(static_cast<std::size_t>(TK_base64_encoded_length(static_cast<long>(in.size()))), '\0');
-    const long w = TK_base64_encode(reinterpret_cast<unsigned char*>(&whole[0]), static_cast<long>(whole.size()),
-                                    reinterpret_cast<const unsigned char*>(in.data()), static_cast<long>(in.size()));
+    std::string whole(
+        static_cast<std::size_t>(TK_base64_encoded_length(static_cast<long>(in.size()))), '\0');
+    const long w = TK_base64_encode(
+        reinterpret_cast<unsigned char*>(&whole[0]), static_cast<long>(whole.size()),
+        reinterpret_cast<const unsigned char*>(in.data()), static_cast<long>(in.size()));
     check(w >= 0, "encoder room");
     whole.resize(static_cast<std::size_t>(w));
     TKbase64Encoder e;
@@ -139,10 +143,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     check(decodeBytewise(whole) == in, "round trip");
 
     // Payloads: chunks do not matter, and every input comes back.
-    check(decodePayload(data, size, true) == decodePayload(data, size, false), "payload text in chunks");
+    check(decodePayload(data, size, true) == decodePayload(data, size, false),
+          "payload text in chunks");
     TKpayloadEncoder pe;
     StringSink text, back;
-    check(pe.encode(reinterpret_cast<const unsigned char*>(in.data()), in.size(), text) == TKpayloadEncoder::Done,
+    check(pe.encode(reinterpret_cast<const unsigned char*>(in.data()), in.size(), text) ==
+              TKpayloadEncoder::Done,
           "payload encoding");
     TKpayloadDecoder pd;
     pd.write(text.got.data(), static_cast<long>(text.got.size()), back);
@@ -150,11 +156,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 
     // Conversions, both ways, in all three shapes.
     using namespace Tut;
-    agree(in, [](const char* s, long l, char* b, unsigned long n) { return utf8ToLoc(s, l, b, n); },
-          [](const char* s, long l, FlexBuff<char>& b) { return utf8ToLoc(s, l, b); },
-          [](const char* s, long l, unsigned long* o) { return utf8ToLocCopy(s, l, o); });
-    agree(in, [](const char* s, long l, char* b, unsigned long n) { return locToUtf8(s, l, b, n); },
-          [](const char* s, long l, FlexBuff<char>& b) { return locToUtf8(s, l, b); },
-          [](const char* s, long l, unsigned long* o) { return locToUtf8Copy(s, l, o); });
+    agree(
+        in, [](const char* s, long l, char* b, unsigned long n) { return utf8ToLoc(s, l, b, n); },
+        [](const char* s, long l, FlexBuff<char>& b) { return utf8ToLoc(s, l, b); },
+        [](const char* s, long l, unsigned long* o) { return utf8ToLocCopy(s, l, o); });
+    agree(
+        in, [](const char* s, long l, char* b, unsigned long n) { return locToUtf8(s, l, b, n); },
+        [](const char* s, long l, FlexBuff<char>& b) { return locToUtf8(s, l, b); },
+        [](const char* s, long l, unsigned long* o) { return locToUtf8Copy(s, l, o); });
     return 0;
 }

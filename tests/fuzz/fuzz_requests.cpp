@@ -44,12 +44,13 @@ std::string gLog;
 void onRequest(tamkern::Request& r)
 {
     using namespace tamkern;
-    gLog += std::string(requestName(r.kind)) + "|" + std::to_string(r.hasCl) + std::to_string(r.clValid) + "|" +
-            std::to_string(r.cl) + "|" + std::to_string(r.cid) + "|" + r.name + "|" + r.frame + "|" + r.features +
-            "|" + r.type + "|" + r.value + "|" + std::to_string(r.canceled) + std::to_string(r.error) + "|" +
+    gLog += std::string(requestName(r.kind)) + "|" + std::to_string(r.hasCl) +
+            std::to_string(r.clValid) + "|" + std::to_string(r.cl) + "|" + std::to_string(r.cid) +
+            "|" + r.name + "|" + r.frame + "|" + r.features + "|" + r.type + "|" + r.value + "|" +
+            std::to_string(r.canceled) + std::to_string(r.error) + "|" +
             std::to_string(r.args.size()) + (r.args.empty() ? "" : r.args.back()) + "|" +
-            std::to_string(r.hasText) + r.text + "|" + std::to_string(r.hasPayload) + r.payloadFormat + "|" +
-            r.payloadBase64 + "\n";
+            std::to_string(r.hasText) + r.text + "|" + std::to_string(r.hasPayload) +
+            r.payloadFormat + "|" + r.payloadBase64 + "\n";
     std::string bytes;
     if (r.hasPayload)
         decodeMCode(r.payloadBase64, bytes);
@@ -63,18 +64,25 @@ void onRequest(tamkern::Request& r)
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    fuzz::writeSeeds(*argc, *argv, {
-        "<newclient name=\"console\" frame=\"f\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident\" "
-        "features=\"can_typeset stay_alive\"/><init cl=\"1\"><iarg value=\"-l\"/><iarg value=\"../lib\"/></init>",
-        "<cmd cl=\"1\" cid=\"-5\"><text format=\"_lan\">a &lt; b &amp; \xc3\xa4</text></cmd>"
-        "<cmd cl=\"1\" cid=\"6\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode></cmd>",
-        "<input cl=\"1\" canceled=\"0\"><text>42</text></input><textinput cl=\"2\" canceled=\"1\">hi</textinput>"
-        "<callresult cl=\"1\" error=\"0\"><mcode format=\"m\">eJxLTEoGAAJNASc=</mcode></callresult>"
-        "<sysresult cl=\"1\" value=\"0\"/>",
-        "<format cl=\"1\" type=\"result\" value=\"latex\"/><textwidth cl=\"1\" value=\"72\"/>"
-        "<prettyprint cl=\"1\" value=\"1\"/><abbreviateoutput cl=\"1\" value=\"0\"/><complete cl=\"1\" value=\"si\"/>"
-        "<dbgcmd cl=\"1\" cmd=\"s\"/><sendstatus cl=\"1\"/><stop cl=\"1\"/><quit cl=\"1\"/>",
-    });
+    fuzz::writeSeeds(
+        *argc, *argv,
+        {
+            "<newclient name=\"console\" frame=\"f\" longfmt=\"text\" floatfmt=\"ieee\" "
+            "coding=\"ident\" "
+            "features=\"can_typeset stay_alive\"/><init cl=\"1\"><iarg value=\"-l\"/><iarg "
+            "value=\"../lib\"/></init>",
+            "<cmd cl=\"1\" cid=\"-5\"><text format=\"_lan\">a &lt; b &amp; \xc3\xa4</text></cmd>"
+            "<cmd cl=\"1\" cid=\"6\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode></cmd>",
+            "<input cl=\"1\" canceled=\"0\"><text>42</text></input><textinput cl=\"2\" "
+            "canceled=\"1\">hi</textinput>"
+            "<callresult cl=\"1\" error=\"0\"><mcode "
+            "format=\"m\">eJxLTEoGAAJNASc=</mcode></callresult>"
+            "<sysresult cl=\"1\" value=\"0\"/>",
+            "<format cl=\"1\" type=\"result\" value=\"latex\"/><textwidth cl=\"1\" value=\"72\"/>"
+            "<prettyprint cl=\"1\" value=\"1\"/><abbreviateoutput cl=\"1\" value=\"0\"/><complete "
+            "cl=\"1\" value=\"si\"/>"
+            "<dbgcmd cl=\"1\" cmd=\"s\"/><sendstatus cl=\"1\"/><stop cl=\"1\"/><quit cl=\"1\"/>",
+        });
     return 0;
 }
 

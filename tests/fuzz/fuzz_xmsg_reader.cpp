@@ -26,14 +26,22 @@ void setAll(K* c)
     c->on_output = [](K* k, void* c, const char* t, const char* f, const char* x) {
         add(k, "output", c, t, f, x), k->send_textwidth(static_cast<long>(std::strlen(x)));
     };
-    c->on_output_data = [](K* k, void* c, const char* t, const TAM_DataTAG* d) { add(k, "output_data", c, t, d); };
-    c->on_finished = [](K* k, void* c) { add(k, "finished", c), k->send_cmd(c, "1+\xe4", 0, "_lan"); };
-    c->on_complete_cmd = [](K* k, void* c) { add(k, "complete", c), k->send_completion_wanted("si"); };
+    c->on_output_data = [](K* k, void* c, const char* t, const TAM_DataTAG* d) {
+        add(k, "output_data", c, t, d);
+    };
+    c->on_finished = [](K* k, void* c) {
+        add(k, "finished", c), k->send_cmd(c, "1+\xe4", 0, "_lan");
+    };
+    c->on_complete_cmd = [](K* k, void* c) {
+        add(k, "complete", c), k->send_completion_wanted("si");
+    };
     c->on_input_wanted = [](K* k, void* c, int text, const char* p) {
         add(k, "input_wanted", c, long(text), p);
         text ? k->send_textinput(0, p) : k->send_input(0, p);
     };
-    c->on_callback = [](K* k, void* c, const TAM_DataTAG* d) { add(k, "callback", c, d), k->send_call_result(0, d); };
+    c->on_callback = [](K* k, void* c, const TAM_DataTAG* d) {
+        add(k, "callback", c, d), k->send_call_result(0, d);
+    };
     c->on_help = [](K* k, const char* v) {
         add(k, "help", v);
         if (v[0] == '!')
@@ -42,7 +50,9 @@ void setAll(K* c)
     c->on_system = [](K* k, const char* v) { add(k, "system", v), k->send_system_result(7); };
     c->on_frame_changed = [](K* k, const char* v) { add(k, "frame", v); };
     c->on_textwidth_changed = [](K* k, long v) { add(k, "textwidth", v); };
-    c->on_pretty_print_changed = [](K* k, int v) { add(k, "prettyprint", long(v)), k->send_pretty_print(!v); };
+    c->on_pretty_print_changed = [](K* k, int v) {
+        add(k, "prettyprint", long(v)), k->send_pretty_print(!v);
+    };
     c->on_abbreviate_output_changed = [](K* k, int v) { add(k, "abbreviate", long(v)); };
     c->on_format_changed = [](K* k, const char* t, const char* f) { add(k, "format", t, f); };
     c->on_select_format = [](K* k, const char* t, long n, const char** f) {
@@ -53,7 +63,9 @@ void setAll(K* c)
     c->on_status = [](K* k, long used, long res, long sec) { add(k, "status", used, res, sec); };
     c->on_input_completion = [](K* k, const char* l, const char* p) { add(k, "completion", l, p); };
     c->on_plot_result_file = [](K* k, void* c, const char* n) { add(k, "plotfile", c, n); };
-    c->on_dbg_cmd_wanted = [](K* k, void* c) { add(k, "dbgcmd", c), k->send_dbg_cmd('s', "f.tam", 3, "x<y"); };
+    c->on_dbg_cmd_wanted = [](K* k, void* c) {
+        add(k, "dbgcmd", c), k->send_dbg_cmd('s', "f.tam", 3, "x<y");
+    };
     c->on_dbg_info = [](K* k, char cmd, const char* f, long p, const char* e, long l, long d) {
         add(k, "dbginfo", cmd, f, p, e, l, d);
     };
@@ -91,24 +103,37 @@ struct Reader : TAM_XmsgParserHandler {
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     const std::string abc = "<mcode format=\"m\">eJxLTEoGAAJNASc=</mcode>";
-    fuzz::writeSeeds(*argc, *argv, {
-        "<sendinit cl=\"1\"/><ready cl=\"1\"/><output cl=\"1\" cid=\"17\" type=\"result\"><text format=\"_lan\">"
-        "x&lt;y \xc3\xa4\xe2\x82\xac</text></output><finished cl=\"1\" cid=\"17\"/>",
-        "<output cl=\"2\" cid=\"3\" type=\"graph\">" + abc + "</output><callback cl=\"0\" cid=\"5\">" + abc +
-        "</callback><sendinput cl=\"1\" text=\"1\"><text>name?</text></sendinput>"
-        "<sendinput cl=\"1\">" + abc + "</sendinput>",
-        "<selformat cl=\"1\" type=\"result\"><fmt name=\"text\"/><fmt name=\"latex\"/></selformat>"
-        "<format cl=\"1\" type=\"result\"><fmt name=\"latex\"/></format><textwidth cl=\"1\" value=\"80\"/>"
-        "<prettyprint cl=\"1\" value=\"1\"/><abbreviateoutput cl=\"2\" value=\"0\"/>"
-        "<status cl=\"1\" used=\"10\" res=\"20\" sec=\"3\"/>",
-        "<breakpoints cl=\"1\"><breakpt fname=\"a\" fpos=\"3\" cond=\"x&gt;1\"/><breakpt fname=\"b\"/></breakpoints>"
-        "<callstack cl=\"1\" level=\"2\"><csframe fname=\"f\" fpos=\"9\" proc=\"p\"/></callstack>"
-        "<display cl=\"0\"><dispvar name=\"x\" value=\"1\"/></display><senddbgcmd cl=\"1\" cid=\"4\"/>"
-        "<dbginfo cl=\"1\" cmd=\"s\" fname=\"f\" fpos=\"1\" expr=\"e\" level=\"0\" depth=\"1\"/>",
-        "<help cl=\"1\" value=\"!boom\"/><help cl=\"1\" value=\"ok\"/><system cl=\"1\" value=\"ls\"/>"
-        "<frame cl=\"1\" value=\"f\"/><completion cl=\"1\" list=\"sin cos\" pref=\"s\"/>"
-        "<plotfile cl=\"1\" cid=\"2\" name=\"p.png\"/><complete cl=\"1\"/><reset cl=\"1\"/><quit/>",
-    });
+    fuzz::writeSeeds(
+        *argc, *argv,
+        {
+            "<sendinit cl=\"1\"/><ready cl=\"1\"/><output cl=\"1\" cid=\"17\" "
+            "type=\"result\"><text format=\"_lan\">"
+            "x&lt;y \xc3\xa4\xe2\x82\xac</text></output><finished cl=\"1\" cid=\"17\"/>",
+            "<output cl=\"2\" cid=\"3\" type=\"graph\">" + abc +
+                "</output><callback cl=\"0\" cid=\"5\">" + abc +
+                "</callback><sendinput cl=\"1\" text=\"1\"><text>name?</text></sendinput>"
+                "<sendinput cl=\"1\">" +
+                abc + "</sendinput>",
+            "<selformat cl=\"1\" type=\"result\"><fmt name=\"text\"/><fmt "
+            "name=\"latex\"/></selformat>"
+            "<format cl=\"1\" type=\"result\"><fmt name=\"latex\"/></format><textwidth cl=\"1\" "
+            "value=\"80\"/>"
+            "<prettyprint cl=\"1\" value=\"1\"/><abbreviateoutput cl=\"2\" value=\"0\"/>"
+            "<status cl=\"1\" used=\"10\" res=\"20\" sec=\"3\"/>",
+            "<breakpoints cl=\"1\"><breakpt fname=\"a\" fpos=\"3\" cond=\"x&gt;1\"/><breakpt "
+            "fname=\"b\"/></breakpoints>"
+            "<callstack cl=\"1\" level=\"2\"><csframe fname=\"f\" fpos=\"9\" "
+            "proc=\"p\"/></callstack>"
+            "<display cl=\"0\"><dispvar name=\"x\" value=\"1\"/></display><senddbgcmd cl=\"1\" "
+            "cid=\"4\"/>"
+            "<dbginfo cl=\"1\" cmd=\"s\" fname=\"f\" fpos=\"1\" expr=\"e\" level=\"0\" "
+            "depth=\"1\"/>",
+            "<help cl=\"1\" value=\"!boom\"/><help cl=\"1\" value=\"ok\"/><system cl=\"1\" "
+            "value=\"ls\"/>"
+            "<frame cl=\"1\" value=\"f\"/><completion cl=\"1\" list=\"sin cos\" pref=\"s\"/>"
+            "<plotfile cl=\"1\" cid=\"2\" name=\"p.png\"/><complete cl=\"1\"/><reset "
+            "cl=\"1\"/><quit/>",
+        });
     return 0;
 }
 
@@ -131,7 +156,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     if (size < 2)
         return 0;
-    const std::vector<std::string> whole = calls(data, size, true), split = calls(data, size, false);
+    const std::vector<std::string> whole = calls(data, size, true),
+                                   split = calls(data, size, false);
     if (whole != split) {
         for (std::size_t i = 0; i < std::max(whole.size(), split.size()); ++i)
             std::fprintf(stderr, "%s | %s\n", i < whole.size() ? whole[i].c_str() : "-",

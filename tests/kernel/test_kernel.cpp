@@ -12,20 +12,24 @@ using writertest::TestKernel;
 
 namespace {
 
-void marker() {}
+void marker()
+{
+}
 const void* const kMarker = reinterpret_cast<const void*>(marker);
 
 struct Slot {
-    void (*set)(TAM_KernelImpl*, bool);  // marker or null through the setter
+    void (*set)(TAM_KernelImpl*, bool); // marker or null through the setter
     const void* (*get)(const TAM_KernelImpl&);
     const void* initial;
 };
-#define SLOT(name, type, initial)                                                                 \
-    {[](TAM_KernelImpl* k, bool on) {                                                             \
-         TAM_set_on_##name##_handler(k, on ? reinterpret_cast<type>(marker) : nullptr);           \
-     },                                                                                           \
-     [](const TAM_KernelImpl& k) { return reinterpret_cast<const void*>(k.on_##name); },          \
-     (const void*)(initial)}
+#define SLOT(name, type, initial)                                                               \
+    {                                                                                           \
+        [](TAM_KernelImpl* k, bool on) {                                                        \
+            TAM_set_on_##name##_handler(k, on ? reinterpret_cast<type>(marker) : nullptr);      \
+        },                                                                                      \
+            [](const TAM_KernelImpl& k) { return reinterpret_cast<const void*>(k.on_##name); }, \
+            (const void*)(initial)                                                              \
+    }
 const Slot kSlots[] = {
     SLOT(init_wanted, TAM_OnInitWanted, TAM_default_on_init_wanted),
     SLOT(kernel_ready, TAM_OnKernelReady, nullptr),
@@ -72,7 +76,7 @@ TEST(Kernel, EachSetterFillsItsSlotAndNullRestoresTheInitialValue)
         expectTable(k, &s);
         s.set(&k, false);
         expectTable(k);
-        s.set(nullptr, true);  // ignored
+        s.set(nullptr, true); // ignored
     }
     int mine = 0;
     for (const Slot& s : kSlots)
@@ -89,13 +93,13 @@ TEST(Kernel, EachSetterFillsItsSlotAndNullRestoresTheInitialValue)
 // The answers themselves are checked through the reader; here what only a direct call reaches.
 TEST(Kernel, Defaults)
 {
-    TAM_default_on_init_wanted(nullptr);  // no connection to answer on: no crash
+    TAM_default_on_init_wanted(nullptr); // no connection to answer on: no crash
     TAM_default_on_input_wanted(nullptr, nullptr, 0, nullptr);
     TAM_default_on_callback(nullptr, nullptr, nullptr);
     TAM_default_on_system(nullptr, nullptr);
     TAM_default_on_select_format(nullptr, "t", 0, nullptr);
     TestKernel k(1);
-    const char* poison[] = {nullptr};  // with nothing offered the list is never read
+    const char* poison[] = {nullptr}; // with nothing offered the list is never read
     for (auto [count, list] : {std::pair<long, const char**>{0, poison}, {3, nullptr}}) {
         k.on_select_format(&k, "Out", count, list);
         EXPECT_EQ(k.text(), "<format cl=\"1\" type=\"Out\" value=\"\"/>");
@@ -124,10 +128,14 @@ struct Pair {
     int (*flat)(TAM_KernelImpl*);
     int (*direct)(TAM_KernelImpl*);
 };
-#define PAIR(flat, direct) {[](TAM_KernelImpl* k) { return flat; }, [](TAM_KernelImpl* k) { return k->direct; }}
+#define PAIR(flat, direct)                                                                  \
+    {                                                                                       \
+        [](TAM_KernelImpl* k) { return flat; }, [](TAM_KernelImpl* k) { return k->direct; } \
+    }
 const Pair kPairs[] = {
     PAIR(TAM_send_new_client(k, "n", "f", 0x10000), send_new_client("n", "f", 0x10000, 2, 1, 4)),
-    PAIR(TAM_send_new_client_ext(k, "n", "f", 0x21, 3, 2, 3), send_new_client("n", "f", 0x21, 3, 2, 3)),
+    PAIR(TAM_send_new_client_ext(k, "n", "f", 0x21, 3, 2, 3),
+         send_new_client("n", "f", 0x21, 3, 2, 3)),
     PAIR(TAM_send_init(k, 2, kArgv), send_init(2, kArgv)),
     PAIR(TAM_send_cmd(k, kCookie, "x"), send_cmd(kCookie, "x", 0, nullptr)),
     PAIR(TAM_send_cmd_ext(k, kCookie, "x", 1, "fm"), send_cmd(kCookie, "x", 1, "fm")),
@@ -176,7 +184,7 @@ TEST(Kernel, QueriesNullHandlesAndDeletion)
 {
     TestKernel k(5);
     EXPECT_EQ(TAM_get_client_id(&k), 5);
-    EXPECT_EQ(TAM_get_client_fd(&k), 0);  // the base's values for a connection without either
+    EXPECT_EQ(TAM_get_client_fd(&k), 0); // the base's values for a connection without either
     EXPECT_EQ(TAM_get_listen_path(&k), nullptr);
     EXPECT_EQ(TAM_set_kernel_name(nullptr, "x"), 0);
     EXPECT_EQ(TAM_get_client_id(nullptr), -1);
@@ -185,7 +193,7 @@ TEST(Kernel, QueriesNullHandlesAndDeletion)
     EXPECT_EQ(TAM_get_listen_path(nullptr), nullptr);
     TAM_delete_kernel(nullptr);
     TAM_free(nullptr);
-    TAM_free(strdup("library memory"));  // a wrong release shows in the sanitizer build
+    TAM_free(strdup("library memory")); // a wrong release shows in the sanitizer build
 
     // Deletion empties the table before the object goes.
     static bool sawEmptyTable = false;
@@ -193,7 +201,8 @@ TEST(Kernel, QueriesNullHandlesAndDeletion)
         ~Watched() override { sawEmptyTable = !on_output && !client_data_; }
     };
     auto* w = new Watched;
-    TAM_set_on_output_handler(w, [](TAM_KernelImpl*, void*, const char*, const char*, const char*) {});
+    TAM_set_on_output_handler(w,
+                              [](TAM_KernelImpl*, void*, const char*, const char*, const char*) {});
     TAM_set_client_data(w, w);
     TAM_delete_kernel(w);
     EXPECT_TRUE(sawEmptyTable);

@@ -4,4 +4,7 @@
 
 extern "C" int TAM_send_stop(void* kernel);
 
-int main() { return TAM_send_stop(nullptr); }
+int main()
+{
+    return TAM_send_stop(nullptr);
+}

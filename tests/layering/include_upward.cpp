@@ -2,4 +2,7 @@
 #include "xml/Parser.h"
 #include "xmsg/TAM_XmsgKernel.h"
 
-int main() { return 0; }
+int main()
+{
+    return 0;
+}

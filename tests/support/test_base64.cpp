@@ -22,17 +22,30 @@ void* operator new(std::size_t n)
         return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
 
 namespace {
 
 using Bytes = std::basic_string<unsigned char>;
-Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes B(const std::string& s)
+{
+    return Bytes(s.begin(), s.end());
+}
 
 // RFC 4648, section 10.
-const char* const kVectors[][2] = {{"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
-                                   {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+const char* const kVectors[][2] = {{"", ""},
+                                   {"f", "Zg=="},
+                                   {"fo", "Zm8="},
+                                   {"foo", "Zm9v"},
+                                   {"foob", "Zm9vYg=="},
+                                   {"fooba", "Zm9vYmE="},
                                    {"foobar", "Zm9vYmFy"}};
 
 Bytes oneShot(const Bytes& in)
@@ -93,8 +106,8 @@ TEST(Base64, OneShotLengthAndBufferRules)
     EXPECT_EQ(-1, TK_base64_encode(nullptr, 16, src, 3));
     EXPECT_EQ(-1, TK_base64_encode(dst, 16, nullptr, 3));
     EXPECT_EQ(-1, TK_base64_encode(dst, 7, src, 6));
-    EXPECT_EQ(B("YWJj") + Bytes(1, 0), Bytes(dst, dst + 5));  // the group that fitted stays
-    EXPECT_EQ(-1, TK_base64_encode(dst, 7, src, 4));  // no room for the padded tail
+    EXPECT_EQ(B("YWJj") + Bytes(1, 0), Bytes(dst, dst + 5)); // the group that fitted stays
+    EXPECT_EQ(-1, TK_base64_encode(dst, 7, src, 4));         // no room for the padded tail
     EXPECT_EQ(8, TK_base64_encode(dst, 8, src, 4));
     EXPECT_EQ(B("YWJjZA=="), Bytes(dst, dst + 8));
 }
@@ -108,7 +121,7 @@ TEST(Base64, VectorsInBothShapesAndEverySplit)
         EXPECT_EQ(B(v[1]), oneShot(B(v[0])));
         EXPECT_EQ(B(v[1]), run(enc, B(v[0])));
         EXPECT_EQ(B(v[0]), run(dec, B(v[1])));
-        EXPECT_EQ(B(v[1]), run(enc, B(v[0]), {}, 1));  // reusable, one byte per read
+        EXPECT_EQ(B(v[1]), run(enc, B(v[0]), {}, 1)); // reusable, one byte per read
         EXPECT_EQ(B(v[0]), run(dec, B(v[1]), {}, 1));
     }
     std::mt19937 rng(7);
@@ -134,7 +147,7 @@ TEST(Base64, DecoderSkipsNonAlphabetAndKeepsWholeBytesOfTruncatedGroups)
     TKbase64Decoder dec;
     EXPECT_EQ(B("foobar"), run(dec, B("Zm9v\r\n=Y\tm=Fy==")));
     EXPECT_EQ(B("fo"), run(dec, B("Zm8")));
-    EXPECT_EQ(B(""), run(dec, B("Z")));  // six bits make no byte
+    EXPECT_EQ(B(""), run(dec, B("Z"))); // six bits make no byte
     EXPECT_EQ(B("foo"), run(dec, B("Zm9vZ")));
     // Every code: an alphabet character decodes to its value, any other is
     // skipped without disturbing the groups around it.
@@ -157,15 +170,15 @@ TEST(Base64, ResetMessageEndAndByteInterface)
     TKbase64Decoder dec;
     enc.write(in, 6);
     EXPECT_EQ(2, enc.read(buf, 2));
-    enc.reset();  // drops the pending "9v" and the unread "bar"
+    enc.reset(); // drops the pending "9v" and the unread "bar"
     EXPECT_EQ(0, enc.read(buf, 8));
     enc.write(in, 6);
     dec.write(in, 6);
-    enc.messageEnd();  // the ranges were never read
+    enc.messageEnd(); // the ranges were never read
     dec.messageEnd();
     EXPECT_EQ(0, enc.read(buf, 8));
     EXPECT_EQ(0, dec.read(buf, 8));
-    dec.write(in, 2);  // "fo": a partial group
+    dec.write(in, 2); // "fo": a partial group
     dec.reset();
     dec.messageEnd();
     EXPECT_EQ(0, dec.read(buf, 8));

@@ -43,7 +43,8 @@ struct Sink : TKpayloadSink {
 std::string encode(Enc& e, const std::string& bytes)
 {
     Sink s;
-    EXPECT_EQ(e.encode(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), s), Enc::Done);
+    EXPECT_EQ(e.encode(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), s),
+              Enc::Done);
     return s.got;
 }
 
@@ -55,7 +56,8 @@ std::string encode(const std::string& bytes)
 
 // Decodes text given in pieces cut at the ascending points cuts; no piece
 // may fail the sink or report the end of the text.
-std::string decode(Dec& d, const std::string& text, const std::vector<std::size_t>& cuts, Dec::Result& result)
+std::string decode(Dec& d, const std::string& text, const std::vector<std::size_t>& cuts,
+                   Dec::Result& result)
 {
     Sink s;
     std::size_t from = 0;
@@ -90,7 +92,8 @@ std::string randomBytes(std::size_t n, unsigned seed)
 // Words from a small vocabulary: compresses, but not into nothing.
 std::string words(std::size_t n, unsigned seed)
 {
-    static const char* const kWords[] = {"sin", "cos", "x^2", "+", "*", "(", ")", "factor", "expand", " "};
+    static const char* const kWords[] = {"sin", "cos", "x^2",    "+",      "*",
+                                         "(",   ")",   "factor", "expand", " "};
     std::mt19937 rng(seed);
     std::string s;
     while (s.size() < n)
@@ -117,14 +120,15 @@ std::string textOf(const std::string& bytes, int level, bool flip = false, std::
 {
     uLongf n = compressBound(bytes.size());
     std::string z(n, '\0');
-    compress2(reinterpret_cast<Bytef*>(&z[0]), &n, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size(), level);
+    compress2(reinterpret_cast<Bytef*>(&z[0]), &n, reinterpret_cast<const Bytef*>(bytes.data()),
+              bytes.size(), level);
     z.resize(n - cut);
     z.back() = static_cast<char>(z.back() ^ (flip ? 1 : 0));
-    std::string t(static_cast<std::size_t>(TK_base64_encoded_length(static_cast<long>(z.size()))), '\0');
-    t.resize(static_cast<std::size_t>(TK_base64_encode(reinterpret_cast<unsigned char*>(&t[0]),
-                                                       static_cast<long>(t.size()),
-                                                       reinterpret_cast<const unsigned char*>(z.data()),
-                                                       static_cast<long>(z.size()))));
+    std::string t(static_cast<std::size_t>(TK_base64_encoded_length(static_cast<long>(z.size()))),
+                  '\0');
+    t.resize(static_cast<std::size_t>(TK_base64_encode(
+        reinterpret_cast<unsigned char*>(&t[0]), static_cast<long>(t.size()),
+        reinterpret_cast<const unsigned char*>(z.data()), static_cast<long>(z.size()))));
     return t;
 }
 
@@ -133,7 +137,7 @@ std::string textOf(const std::string& bytes, int level, bool flip = false, std::
 TEST(Payload, KnownTextsAndOneIndependentStreamPerPayload)
 {
     Enc e;
-    EXPECT_EQ(encode(e, ""), "eJwDAAAAAAE=");  // 78 9C 03 00 00 00 00 01
+    EXPECT_EQ(encode(e, ""), "eJwDAAAAAAE="); // 78 9C 03 00 00 00 00 01
     EXPECT_EQ(encode(e, "abc"), "eJxLTEoGAAJNASc=");
     Sink s;
     EXPECT_EQ(e.encode(nullptr, 0, s), Enc::Done);
@@ -145,13 +149,15 @@ TEST(Payload, KnownTextsAndOneIndependentStreamPerPayload)
     EXPECT_EQ(encode(e, "abc"), "eJxLTEoGAAJNASc=");
     EXPECT_EQ(first.compare(0, 2, "eJ"), 0);
     EXPECT_EQ(first.size() % 4, 0u);
-    EXPECT_EQ(first.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/="),
+    EXPECT_EQ(first.find_first_not_of(
+                  "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/="),
               std::string::npos);
     // zlib reads it as the payload.
     const std::string z = zlibBytes(first);
     std::string back(big.size() + 1, '\0');
     uLongf n = back.size();
-    ASSERT_EQ(uncompress(reinterpret_cast<Bytef*>(&back[0]), &n, reinterpret_cast<const Bytef*>(z.data()), z.size()),
+    ASSERT_EQ(uncompress(reinterpret_cast<Bytef*>(&back[0]), &n,
+                         reinterpret_cast<const Bytef*>(z.data()), z.size()),
               Z_OK);
     EXPECT_EQ(back.substr(0, n), big);
 }
@@ -163,7 +169,8 @@ TEST(Payload, EncoderStopsAtAFailingSinkAndStartsCleanAfterwards)
     const std::string data = randomBytes(5000, 3);
     Enc e;
     Sink all;
-    ASSERT_EQ(e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), all), Enc::Done);
+    ASSERT_EQ(e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), all),
+              Enc::Done);
     ASSERT_GT(all.puts, 2);
     for (long n = 1; n <= all.puts; ++n)
         for (bool throws : {false, true}) {
@@ -171,11 +178,13 @@ TEST(Payload, EncoderStopsAtAFailingSinkAndStartsCleanAfterwards)
             s.failAt = n;
             s.throws = throws;
             if (throws)
-                EXPECT_THROW(e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), s),
-                             std::runtime_error);
+                EXPECT_THROW(
+                    e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), s),
+                    std::runtime_error);
             else
-                EXPECT_EQ(e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), s),
-                          Enc::SinkFailed);
+                EXPECT_EQ(
+                    e.encode(reinterpret_cast<const unsigned char*>(data.data()), data.size(), s),
+                    Enc::SinkFailed);
             EXPECT_EQ(s.puts, n);
             EXPECT_EQ(all.got.compare(0, s.got.size(), s.got), 0) << n;
             EXPECT_LT(s.got.size(), all.got.size());
@@ -187,10 +196,10 @@ TEST(Payload, EncoderStopsAtAFailingSinkAndStartsCleanAfterwards)
 
 TEST(Payload, RoundTripsHoweverTheTextIsCut)
 {
-    for (const std::string& data : {std::string(), std::string("a"), std::string("abc"), std::string(1, '\0'),
-                                    randomBytes(40, 5)}) {
+    for (const std::string& data : {std::string(), std::string("a"), std::string("abc"),
+                                    std::string(1, '\0'), randomBytes(40, 5)}) {
         const std::string text = encode(data);
-        Dec d;  // reused: finish() readies it for the next payload
+        Dec d; // reused: finish() readies it for the next payload
         Dec::Result r;
         for (std::size_t a = 0; a <= text.size(); ++a)
             for (std::size_t b = a; b <= text.size(); ++b) {
@@ -206,7 +215,8 @@ TEST(Payload, RoundTripsHoweverTheTextIsCut)
     // Many blocks each way: text that does not compress, and zeros that
     // inflate to many buffers from a few characters.
     std::mt19937 rng(9);
-    for (const std::string& data : {randomBytes(100000, 7), std::string(100000, '\0'), words(30000, 2)}) {
+    for (const std::string& data :
+         {randomBytes(100000, 7), std::string(100000, '\0'), words(30000, 2)}) {
         const std::string text = encode(data);
         for (int round = 0; round < 8; ++round) {
             std::vector<std::size_t> cuts;
@@ -223,7 +233,7 @@ TEST(Payload, RoundTripsHoweverTheTextIsCut)
 TEST(Payload, SkipsWhatIsNotBase64AndWhatFollowsTheStream)
 {
     EXPECT_EQ(decode(" eJx LTE\noGA\r\n  AJN\tASc=\n"), "abc");
-    EXPECT_EQ(decode("=eJ=xLTEo#GAA!JNASc"), "abc");  // padding and garbage anywhere
+    EXPECT_EQ(decode("=eJ=xLTEo#GAA!JNASc"), "abc"); // padding and garbage anywhere
     EXPECT_EQ(decode("eJxLTEoGAAJNASc=eJyrqqoCAALfAW8="), "abc");
     // Once the stream has ended, later pieces are taken and ignored. (The
     // last group of the first text completes only with the next piece.)
@@ -254,7 +264,7 @@ TEST(Payload, ABlockThatFillsTheOutputExactlyIsNoError)
         ASSERT_EQ(inflateInit(&in), Z_OK);
         std::string out(1 << 20, '\0');
         in.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(z.data()));
-        in.avail_in = 1024;  // the first decoded block
+        in.avail_in = 1024; // the first decoded block
         in.next_out = reinterpret_cast<Bytef*>(&out[0]);
         in.avail_out = static_cast<uInt>(out.size());
         const int rc = inflate(&in, Z_SYNC_FLUSH);
@@ -301,7 +311,7 @@ TEST(Payload, DamagedTextDeliversWhatInflated)
     EXPECT_EQ(d.finish(s), Dec::Damaged);
     EXPECT_EQ(s.puts, 0);
     d.write("eJxLTEo", 7, s);
-    d.reset();  // drops the payload in progress
+    d.reset(); // drops the payload in progress
     Dec::Result r;
     EXPECT_EQ(decode(d, "eJwDAAAAAAE=", {}, r), "");
     EXPECT_EQ(r, Dec::End);
@@ -388,7 +398,8 @@ TEST(Payload, FourGiBAndMoreReachZlibInPieces)
     gZlib = Zlib::Real;
     munmap(mem, len);
     EXPECT_EQ(r, Enc::Done);
-    EXPECT_EQ(gPieces, (std::vector<std::pair<const Bytef*, uInt>>{{data, UINT_MAX}, {data + UINT_MAX, 6}}));
+    EXPECT_EQ(gPieces,
+              (std::vector<std::pair<const Bytef*, uInt>>{{data, UINT_MAX}, {data + UINT_MAX, 6}}));
     EXPECT_EQ(gFlushes, (std::vector<int>{Z_NO_FLUSH, Z_FINISH}));
     EXPECT_EQ(s.puts, 0);
     EXPECT_EQ(encode(e, "abc"), "eJxLTEoGAAJNASc=") << "the real deflate, with a clean state";

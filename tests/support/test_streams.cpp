@@ -11,7 +11,10 @@
 #include <vector>
 
 // Let a failed huge malloc return null under AddressSanitizer too.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
 
 namespace {
 
@@ -22,17 +25,25 @@ struct ProbeHeap : TKheapStream {
     using TKheapStream::TKheapStream;
     using TKmemoryStream::status;
     std::vector<long> log;
-    long status(long code) override { log.push_back(code); return TKheapStream::status(code); }
+    long status(long code) override
+    {
+        log.push_back(code);
+        return TKheapStream::status(code);
+    }
     std::string where() const
     {
         auto* self = reinterpret_cast<const unsigned char*>(this);
-        return (data_ >= self && data_ < self + sizeof *this ? "inline " : "heap ") + std::to_string(size_);
+        return (data_ >= self && data_ < self + sizeof *this ? "inline " : "heap ") +
+               std::to_string(size_);
     }
     std::string text() { return std::string(reinterpret_cast<char*>(data()), length()); }
     const char* cstr() { return reinterpret_cast<char*>(data()); }
 };
 
-unsigned char* bytes(std::string& s) { return reinterpret_cast<unsigned char*>(&s[0]); }
+unsigned char* bytes(std::string& s)
+{
+    return reinterpret_cast<unsigned char*>(&s[0]);
+}
 
 long put(TKstream& s, const std::string& text)
 {
@@ -58,16 +69,16 @@ TEST(HeapStream, GrowsInWholeStepsAndRecordsEveryResult)
     EXPECT_EQ(Ok, put(h, std::string(512, 'a')));
     EXPECT_EQ("inline 512", h.where());
     EXPECT_EQ(Ok, h.discard(2));
-    EXPECT_EQ(Ok, put(h, "bcd"));  // grows with content and position kept
+    EXPECT_EQ(Ok, put(h, "bcd")); // grows with content and position kept
     EXPECT_EQ("heap 1024", h.where());
     EXPECT_EQ(std::string(510, 'a') + "bcd", h.text());
     put(once, std::string(1024, 'c'));
-    EXPECT_EQ("heap 1536", once.where());  // strictly above the size asked for
+    EXPECT_EQ("heap 1536", once.where()); // strictly above the size asked for
     EXPECT_EQ(Ok, odd.set_size(1000));
-    EXPECT_EQ("heap 1012", odd.where());  // 512 + 100 * (488 / 100 + 1)
+    EXPECT_EQ("heap 1012", odd.where()); // 512 + 100 * (488 / 100 + 1)
     EXPECT_EQ("heap 4096", ProbeHeap(4096, 512).where());
     EXPECT_EQ("inline 512", ProbeHeap(100, 512).where());
-    EXPECT_EQ(Oom, big.status());  // a failed first allocation leaves the inline buffer
+    EXPECT_EQ(Oom, big.status()); // a failed first allocation leaves the inline buffer
     EXPECT_EQ("inline 512", big.where());
 
     char buf[8];
@@ -75,9 +86,9 @@ TEST(HeapStream, GrowsInWholeStepsAndRecordsEveryResult)
     h.log.clear();
     h.discard(600);
     h.read(buf, 8, n);
-    h.write(std::string(600, 'z').data(), 600, n);  // set_size, then the write itself
+    h.write(std::string(600, 'z').data(), 600, n); // set_size, then the write itself
     h.flush();
-    h.write("x", ULONG_MAX, n);  // would wrap around: only the failure records
+    h.write("x", ULONG_MAX, n); // would wrap around: only the failure records
     EXPECT_EQ(0u, n);
     h.set_size(ULONG_MAX);
     EXPECT_STREQ("out of memory", h.status_text());
@@ -92,32 +103,32 @@ TEST(MemoryStream, RewindTerminatesWithoutCountingTheTerminator)
     put(h, "abc");
     EXPECT_EQ(Ok, h.rewind());
     EXPECT_STREQ("abc", h.cstr());
-    EXPECT_EQ("abc", take(h, 10));  // back at the start; the zero is not content
+    EXPECT_EQ("abc", take(h, 10)); // back at the start; the zero is not content
     h.rewind();
     put(h, "x");
     h.rewind();
     EXPECT_STREQ("x", h.cstr());
-    EXPECT_EQ(3u, h.length());  // high-water mark
+    EXPECT_EQ(3u, h.length()); // high-water mark
     h.clear();
     EXPECT_TRUE(h.eom());
-    put(h, std::string(512, 'q'));  // full: a heap stream grows for the zero
+    put(h, std::string(512, 'q')); // full: a heap stream grows for the zero
     EXPECT_EQ(Ok, h.rewind());
     EXPECT_EQ("heap 1024", h.where());
     EXPECT_EQ(std::string(512, 'q'), h.cstr());
 
     std::string mem = "1234\x55";
-    TKbufferStream b(bytes(mem), 4);  // a buffer stream cannot grow
+    TKbufferStream b(bytes(mem), 4); // a buffer stream cannot grow
     put(b, "wxyz");
     EXPECT_EQ(Oom, b.rewind());
     EXPECT_EQ("wxyz\x55", mem);
-    EXPECT_EQ(Ok, b.discard(4));  // the position had not moved
+    EXPECT_EQ(Ok, b.discard(4)); // the position had not moved
     EXPECT_EQ(Err, b.discard(1));
 }
 
 TEST(BufferStream, OverflowAndCopy)
 {
     std::string mem = "hello-----\x77", src = "abcdefgh";
-    TKbufferStream b(bytes(mem), 5), source(bytes(src), 8);  // the whole buffer starts as content
+    TKbufferStream b(bytes(mem), 5), source(bytes(src), 8); // the whole buffer starts as content
     EXPECT_EQ("hello", take(b, 9));
     EXPECT_TRUE(b.eom());
     b.set_buffer(bytes(mem), 10);
@@ -165,7 +176,7 @@ TEST(FileStream, OverAPipe)
     EXPECT_EQ(Ok, put(writer, "piped"));
     EXPECT_EQ(Ok, writer.flush());
     fclose(out);
-    EXPECT_EQ("piped", take(reader, 100));  // a short read at the end is Ok
+    EXPECT_EQ("piped", take(reader, 100)); // a short read at the end is Ok
     EXPECT_TRUE(reader.eom());
     fclose(in);
 }
@@ -187,7 +198,7 @@ TEST(FileStream, RewindGoesToTheStartingPositionAndFailuresGiveErrno)
     EXPECT_TRUE(s.eom());
     EXPECT_EQ(Ok, s.rewind());
     EXPECT_FALSE(s.eom());
-    EXPECT_EQ(2, s.status(0x100000002L));  // the status is 32 bits wide
+    EXPECT_EQ(2, s.status(0x100000002L)); // the status is 32 bits wide
     EXPECT_EQ(std::string(strerror(2)), s.status_text());
     s.status(Ok);
     EXPECT_STREQ("ok", s.status_text());
@@ -217,12 +228,17 @@ TEST(ReadCString, StopsAtTheTerminator)
         EXPECT_EQ(expected, s);
         free(s);
     }
-    EXPECT_EQ(nullptr, TKreadCString(&b));  // "tail" ends unterminated
+    EXPECT_EQ(nullptr, TKreadCString(&b)); // "tail" ends unterminated
     EXPECT_TRUE(b.eom());
 }
 
 TEST(StreamDeathTest, PreconditionsNameTheSourceFile)
 {
-    EXPECT_DEATH({ TKheapStream h; unsigned long n; h.write(nullptr, 1, n); },
-                 "TKT_stream.*`\\(data != 0\\) \\|\\| \\(num_bytes == 0\\)'");
+    EXPECT_DEATH(
+        {
+            TKheapStream h;
+            unsigned long n;
+            h.write(nullptr, 1, n);
+        },
+        "TKT_stream.*`\\(data != 0\\) \\|\\| \\(num_bytes == 0\\)'");
 }

@@ -16,7 +16,10 @@
 
 #ifdef __SANITIZE_ADDRESS__
 // The failed-allocation case needs a null back from an impossible malloc.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
 #endif
 
 using namespace Tut;
@@ -25,16 +28,27 @@ namespace {
 
 const char* const U8 = "en_US.UTF-8";
 const char* const L1 = "en_US.ISO-8859-1";
-const char kHello[] = "h\xc3\xa9llo";  // 6 bytes, 5 characters
-const std::string kHello0(kHello, 7);  // with its terminator
+const char kHello[] = "h\xc3\xa9llo"; // 6 bytes, 5 characters
+const std::string kHello0(kHello, 7); // with its terminator
 const unsigned short kWide[] = {'h', 0xe9, 'l', 'l', 'o', 0};
-const unsigned short kEuro[] = {'h', 0xe9, 0x20ac, 0};  // 1 + 2 + 3 UTF-8 bytes
+const unsigned short kEuro[] = {'h', 0xe9, 0x20ac, 0}; // 1 + 2 + 3 UTF-8 bytes
 
 template <typename T>
-std::string raw(const T* p, long units) { return std::string(reinterpret_cast<const char*>(p), units * sizeof(T)); }
-std::string raw16(std::initializer_list<unsigned short> u) { return raw(u.begin(), u.size()); }
+std::string raw(const T* p, long units)
+{
+    return std::string(reinterpret_cast<const char*>(p), units * sizeof(T));
+}
+std::string raw16(std::initializer_list<unsigned short> u)
+{
+    return raw(u.begin(), u.size());
+}
 // A copy-shape result as a string, freed.
-std::string copied(char* p) { std::string s = p ? p : "(null)"; delete[] p; return s; }
+std::string copied(char* p)
+{
+    std::string s = p ? p : "(null)";
+    delete[] p;
+    return s;
+}
 
 std::vector<std::string> gWarnings;
 
@@ -45,10 +59,11 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(use(U8));
-        previous_ = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& msg) {
-            if (type == QtWarningMsg)
-                gWarnings.push_back(msg.toStdString());
-        });
+        previous_ = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext&, const QString& msg) {
+                if (type == QtWarningMsg)
+                    gWarnings.push_back(msg.toStdString());
+            });
     }
     void TearDown() override
     {
@@ -65,24 +80,33 @@ protected:
     template <typename T>
     static std::string shape(const FlexBuff<T>& b)
     {
-        return (b.data() ? b.isInline() ? "inline " : "heap " : "none ") + std::to_string(b.capacity());
+        return (b.data() ? b.isInline() ? "inline " : "heap " : "none ") +
+               std::to_string(b.capacity());
     }
 };
 
-#define C8(call) #call, [](void* d, unsigned long n) -> long { char* dst = static_cast<char*>(d); return call; }
-#define C16(call) #call, [](void* d, unsigned long n) -> long { auto* dst = static_cast<unsigned short*>(d); return call; }
+#define C8(call) \
+#call, [](void* d, unsigned long n) -> long { char* dst = static_cast<char*>(d); return call; }
+#define C16(call) \
+#call, [](void* d, unsigned long n) -> long { auto* dst = static_cast<unsigned short*>(d); return call; }
 
 // A buffer one unit short of the result throws before writing anything; the
 // exact size works and nothing is written after the result.
 TEST_F(TutTest, EveryBufferShapeNeedsRoomForTheWholeResult)
 {
     // need counts units, the terminator included when one is written.
-    struct { const char *locale, *call; long (*conv)(void*, unsigned long); unsigned long need; long result; std::string out; } cases[] = {
+    struct {
+        const char *locale, *call;
+        long (*conv)(void*, unsigned long);
+        unsigned long need;
+        long result;
+        std::string out;
+    } cases[] = {
         {U8, C8(utf8ToLoc(kHello, 6, dst, n)), 7, 6, kHello0},
         {U8, C8(locToUtf8(kHello, -1, dst, n)), 7, 6, kHello0},
         {U8, C8(utf16ToUtf8(kEuro, 3, dst, n)), 7, 6, std::string("h\xc3\xa9\xe2\x82\xac", 7)},
         {U8, C16(utf8ToUtf16(kHello, 6, dst, n)), 6, 5, raw(kWide, 6)},
-        {U8, C16(locToUtf16(kHello, 6, dst, n)), 5, 5, raw(kWide, 5)},  // counted: no terminator
+        {U8, C16(locToUtf16(kHello, 6, dst, n)), 5, 5, raw(kWide, 5)}, // counted: no terminator
         {U8, C16(locToUtf16(kHello, -1, dst, n)), 6, 5, raw(kWide, 6)},
         {U8, C8(utf16ToLoc(kWide, 5, dst, n)), 6, 6, kHello},
         {U8, C8(utf16ToLoc(kWide, -1, dst, n)), 7, 6, kHello0},
@@ -93,7 +117,8 @@ TEST_F(TutTest, EveryBufferShapeNeedsRoomForTheWholeResult)
         {L1, C8(locToUtf8("\xe9\xe9", 2, dst, n)), 5, 4, "\xc3\xa9\xc3\xa9" + std::string(1, '\0')},
         {L1, C8(utf8ToLoc("\xc3\xa9\xc3\xa9", 4, dst, n)), 3, 2, std::string("\xe9\xe9", 3)},
         {L1, C16(locToUtf16("\xe9z", -1, dst, n)), 3, 2, raw16({0xe9, 'z', 0})},
-        {L1, C8(utf16ToLoc(kEuro + 1, -1, dst, n)), 3, 2, std::string("\xe9?", 3)},  // no euro in Latin-1
+        {L1, C8(utf16ToLoc(kEuro + 1, -1, dst, n)), 3, 2,
+         std::string("\xe9?", 3)}, // no euro in Latin-1
     };
     for (auto& k : cases) {
         SCOPED_TRACE(std::string(k.locale) + ": " + k.call);
@@ -115,16 +140,21 @@ TEST_F(TutTest, EveryBufferShapeNeedsRoomForTheWholeResult)
 // results count a terminator unless empty.
 TEST_F(TutTest, LengthsWarnThatTheyShouldNotBeCalled)
 {
-    struct { const char *locale, *call; long (*fn)(); long expected; const char* warner; } cases[] = {
+    struct {
+        const char *locale, *call;
+        long (*fn)();
+        long expected;
+        const char* warner;
+    } cases[] = {
         {U8, L(utf8ToLoc(kHello, 6, nullptr, 0)), 7, "utf8ToLocLength"},
         {U8, L(locToUtf8(kHello, 6, nullptr, 100)), 7, "locToUtf8Length"},
         {U8, L(locToUtf8Length("", -1)), 0, "locToUtf8Length"},
         {U8, L(utf16ToUtf8(kEuro, 3, nullptr, 0)), 7, "utf16ToUtf8Length"},
         {U8, L(utf16ToLoc(kEuro, -1, nullptr, 0)), 7, "utf16ToLocLength"},
         {U8, L(utf16ToLocLength(kEuro, 0)), 0, "utf16ToLocLength"},
-        {U8, L(locToUtf16(kHello, -1, nullptr, 0)), 5, "locToUtf16Length"},  // no terminator
+        {U8, L(locToUtf16(kHello, -1, nullptr, 0)), 5, "locToUtf16Length"}, // no terminator
         {U8, L(utf8ToUtf16(kHello, 6, nullptr, 0)), 6, "utf8ToUtf16Length"},
-        {U8, L(utf8ToUtf16Length("a\0b", 3)), 2, "utf8ToUtf16Length"},  // up to the zero, plus one
+        {U8, L(utf8ToUtf16Length("a\0b", 3)), 2, "utf8ToUtf16Length"}, // up to the zero, plus one
         {U8, L(utf8ToUtf16Length("", 0)), 1, "utf8ToUtf16Length"},
         {L1, L(utf8ToLocLength("\xc3\xa9\xc3\xa9", -1)), 3, "utf8ToLocLength"},
         {L1, L(locToUtf8Length("\xe9\xe9", -1)), 5, "locToUtf8Length"},
@@ -186,7 +216,8 @@ TEST_F(TutTest, FollowsTheCurrentLocale)
 
 TEST_F(TutTest, Utf8LocaleTextPassesThroughAndBadInputIsReplaced)
 {
-    const std::string text = "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80";  // the last needs a surrogate pair
+    const std::string text =
+        "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"; // the last needs a surrogate pair
     EXPECT_EQ(C(locToUtf8(text.c_str(), -1, c)), text + '\0');
     EXPECT_EQ(C(utf8ToLoc(text.c_str(), -1, c)), text + '\0');
     EXPECT_EQ(W(locToUtf16(text.c_str(), -1, w)),
@@ -196,7 +227,7 @@ TEST_F(TutTest, Utf8LocaleTextPassesThroughAndBadInputIsReplaced)
     EXPECT_EQ(loc, text);
     EXPECT_EQ(C(utf16ToUtf8(w.data(), 9, c)), text + '\0');
     EXPECT_EQ(C(locToUtf8("a\xff", 2, c)), std::string("a\xef\xbf\xbd", 5));
-    EXPECT_EQ(C(utf8ToLoc("\xc3", 1, c)), std::string("\xef\xbf\xbd", 4));  // cut-off sequence
+    EXPECT_EQ(C(utf8ToLoc("\xc3", 1, c)), std::string("\xef\xbf\xbd", 4)); // cut-off sequence
 }
 
 // Text that converts to itself skips Qt; the results must be Qt's exactly,
@@ -205,14 +236,29 @@ TEST_F(TutTest, Utf8LocaleTextPassesThroughAndBadInputIsReplaced)
 // noncharacters, embedded NULs and a high byte after a run of ASCII words.
 TEST_F(TutTest, ShortWayForUnchangedTextGivesQtsResults)
 {
-    const std::string inputs[] = {
-        "plain ascii, longer than one word", std::string("a\0b", 3), "caf\xc3\xa9",
-        "\xf0\x9f\x98\x80", "\xc0\x80", "\xe0\x80\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80",
-        "\xf5\x80\x80\x80", "\xc3", "\xe2\x82", "\xef\xbb\xbf" "a", "a\xef\xbb\xbf",
-        "\xef\xbf\xbe", "\xef\xb7\x90", "\xf4\x8f\xbf\xbf", "12345678\xe9", "\x80", "\xff"};
+    const std::string inputs[] = {"plain ascii, longer than one word",
+                                  std::string("a\0b", 3),
+                                  "caf\xc3\xa9",
+                                  "\xf0\x9f\x98\x80",
+                                  "\xc0\x80",
+                                  "\xe0\x80\x80",
+                                  "\xed\xa0\x80",
+                                  "\xf4\x90\x80\x80",
+                                  "\xf5\x80\x80\x80",
+                                  "\xc3",
+                                  "\xe2\x82",
+                                  "\xef\xbb\xbf"
+                                  "a",
+                                  "a\xef\xbb\xbf",
+                                  "\xef\xbf\xbe",
+                                  "\xef\xb7\x90",
+                                  "\xf4\x8f\xbf\xbf",
+                                  "12345678\xe9",
+                                  "\x80",
+                                  "\xff"};
     for (const char* locale : {U8, L1, "C"}) {
         ASSERT_TRUE(use(locale));
-        locToUtf8("", 0, c);  // installs the locale's codec for Qt
+        locToUtf8("", 0, c); // installs the locale's codec for Qt
         QTextCodec* codec = QTextCodec::codecForLocale();
         for (const std::string& in : inputs) {
             SCOPED_TRACE(std::string(locale) + " " + in);
@@ -239,7 +285,7 @@ TEST_F(TutTest, Latin1RoundTripsEveryByte)
     FlexBuff<char> back;
     EXPECT_EQ(utf8ToLoc(c.data(), n, back), 255);
     EXPECT_EQ(raw(back.data(), 256), all + '\0');
-    EXPECT_TRUE(back.isInline());  // 383 bytes in, 255 out: sized by the result
+    EXPECT_TRUE(back.isInline()); // 383 bytes in, 255 out: sized by the result
 }
 
 // Results of up to 255 units stay inline; larger ones get a block of exactly
@@ -254,7 +300,7 @@ TEST_F(TutTest, FlexBuffStorage)
     EXPECT_EQ(shape(c), "none 0");
     EXPECT_EQ(C(utf8ToLoc(std::string(255, 'a').c_str(), 255, c)), std::string(255, 'a') + '\0');
     EXPECT_EQ(shape(c), "inline 256");
-    EXPECT_EQ(C(utf16ToUtf8(wide.data(), 128, c)), twoByte + '\0');  // 128 units in, 256 bytes out
+    EXPECT_EQ(C(utf16ToUtf8(wide.data(), 128, c)), twoByte + '\0'); // 128 units in, 256 bytes out
     EXPECT_EQ(shape(c), "heap 257");
     const char* block = c.data();
     EXPECT_EQ(C(utf8ToLoc("0123456789", 10, c)), std::string("0123456789", 11));
@@ -285,27 +331,31 @@ TEST_F(TutTest, SixteenBitStrings)
     EXPECT_EQ(raw(dup, 6), raw(d.data(), 6));
     free(dup);
     std::fill(d.begin(), d.end(), 0x7777);
-    ustrncpy(d.data(), abc, 2);  // never pads, stops after the terminator
+    ustrncpy(d.data(), abc, 2); // never pads, stops after the terminator
     EXPECT_EQ(ustrncpy(d.data() + 4, de, 6), d.data() + 4);
     EXPECT_EQ(raw(d.data(), 8), raw16({'a', 'b', 0x7777, 0x7777, 'd', 'e', 0, 0x7777}));
 
     // Differences are unit differences; a shorter string sorts first.
     const unsigned short ad[] = {'a', 'd', 0}, hi[] = {'a', 0xffff, 0}, lo[] = {'a', 1, 0};
-    const int cmp[] = {ustrcmp(ab, abc),       ustrcmp(abc, ab),       ustrcmp(abc, abc),
-                       ustrcmp(ad, abc),       ustrcmp(hi, lo),        ustrncmp(ab, abc, 2),
-                       ustrncmp(ab, abc, 3),   ustrncmp(ab, ab, 50)};
-    EXPECT_EQ(std::vector<int>(cmp, cmp + 8), (std::vector<int>{-1, 1, 0, 'd' - 'b', 0xfffe, 0, -1, 0}));
+    const int cmp[] = {ustrcmp(ab, abc),     ustrcmp(abc, ab),    ustrcmp(abc, abc),
+                       ustrcmp(ad, abc),     ustrcmp(hi, lo),     ustrncmp(ab, abc, 2),
+                       ustrncmp(ab, abc, 3), ustrncmp(ab, ab, 50)};
+    EXPECT_EQ(std::vector<int>(cmp, cmp + 8),
+              (std::vector<int>{-1, 1, 0, 'd' - 'b', 0xfffe, 0, -1, 0}));
 
     // Offsets into s of what the searches find, -1 for nothing.
-    const unsigned short s[] = {'a', 'b', 'c', 'a', 'b', 'c', 0}, cab[] = {'c', 'a', 'b', 0}, bcd[] = {'b', 'c', 'd', 0};
+    const unsigned short s[] = {'a', 'b', 'c', 'a', 'b', 'c', 0}, cab[] = {'c', 'a', 'b', 0},
+                         bcd[] = {'b', 'c', 'd', 0};
     const unsigned short* const empty = s + 6;
     auto at = [&](const unsigned short* p) { return p ? p - s : -1L; };
-    const long found[] = {at(ustrchr(s, 'b')), at(ustrrchr(s, 'b')), at(ustrchr(s, 'z')), at(ustrchr(s, 0)),
-                          at(ustrrchr(s, 0)),  at(ustrstr(s, cab)),   at(ustrstr(s, bcd)),  at(ustrstr(s + 2, ab)),
-                          at(ustrstr(s, empty)), at(ustrstr(empty, empty)), at(ustrstr(empty, ab))};
-    EXPECT_EQ(std::vector<long>(found, found + 11), (std::vector<long>{1, 4, -1, -1, -1, 2, -1, 3, 0, -1, -1}));
+    const long found[] = {at(ustrchr(s, 'b')),       at(ustrrchr(s, 'b')),   at(ustrchr(s, 'z')),
+                          at(ustrchr(s, 0)),         at(ustrrchr(s, 0)),     at(ustrstr(s, cab)),
+                          at(ustrstr(s, bcd)),       at(ustrstr(s + 2, ab)), at(ustrstr(s, empty)),
+                          at(ustrstr(empty, empty)), at(ustrstr(empty, ab))};
+    EXPECT_EQ(std::vector<long>(found, found + 11),
+              (std::vector<long>{1, 4, -1, -1, -1, 2, -1, 3, 0, -1, -1}));
     const unsigned short aab[] = {'a', 'a', 'b', 0};
-    EXPECT_EQ(ustrstr(aab, ab), aab + 1);  // after a partial match, from the next unit
+    EXPECT_EQ(ustrstr(aab, ab), aab + 1); // after a partial match, from the next unit
 }
 
 } // namespace

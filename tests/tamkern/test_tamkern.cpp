@@ -35,28 +35,54 @@ using K = TAM_KernelImpl*;
 using S = const char*;
 using D = const TAM_DataTAG*;
 const char kLongLoop[] = "s:=0; for k from 1 to 10^9 do s:=s+k; od; s";
-const char kNewClient[] =
-    "<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>";
+const char kNewClient[] = "<newclient name =\"\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" "
+                          "coding=\"ident \" features=\"\"/>";
 
 // One client and what its handlers saw, in order.
 struct Client {
     K k = nullptr;
     Events ev;
-    std::size_t mark = 0;  // start of what fresh() returns
+    std::size_t mark = 0; // start of what fresh() returns
     std::vector<std::string> initArgs;
-    long used = -1, res = -1, sec = -1;  // of the last status
-    bool paused = false;                 // the pump leaves its socket unread
+    long used = -1, res = -1, sec = -1; // of the last status
+    bool paused = false;                // the pump leaves its socket unread
 
-    Events fresh() { Events r(ev.begin() + mark, ev.end()); mark = ev.size(); return r; }
-    bool has(const std::string& e) const { return std::find(ev.begin() + mark, ev.end(), e) != ev.end(); }
+    Events fresh()
+    {
+        Events r(ev.begin() + mark, ev.end());
+        mark = ev.size();
+        return r;
+    }
+    bool has(const std::string& e) const
+    {
+        return std::find(ev.begin() + mark, ev.end(), e) != ev.end();
+    }
 };
 
-Client& of(K k) { return *static_cast<Client*>(TAM_get_client_data(k)); }
-void rec(K k, const std::string& e) { of(k).ev.push_back(e); }
-std::string cid(void* cookie) { return std::to_string(reinterpret_cast<intptr_t>(cookie)); }
-void* cookie(long long cid) { return reinterpret_cast<void*>(static_cast<intptr_t>(cid)); }
-std::string bytes(D d) { return d->format + (": " + std::string(reinterpret_cast<S>(d->data), d->length)); }
-TAM_DataTAG data(S format, S text) { return {format, reinterpret_cast<const unsigned char*>(text), std::strlen(text)}; }
+Client& of(K k)
+{
+    return *static_cast<Client*>(TAM_get_client_data(k));
+}
+void rec(K k, const std::string& e)
+{
+    of(k).ev.push_back(e);
+}
+std::string cid(void* cookie)
+{
+    return std::to_string(reinterpret_cast<intptr_t>(cookie));
+}
+void* cookie(long long cid)
+{
+    return reinterpret_cast<void*>(static_cast<intptr_t>(cid));
+}
+std::string bytes(D d)
+{
+    return d->format + (": " + std::string(reinterpret_cast<S>(d->data), d->length));
+}
+TAM_DataTAG data(S format, S text)
+{
+    return {format, reinterpret_cast<const unsigned char*>(text), std::strlen(text)};
+}
 
 void watch(K k, Client* c)
 {
@@ -69,35 +95,45 @@ void watch(K k, Client* c)
         TAM_send_init(k, static_cast<long>(argv.size()), argv.data());
     });
     TAM_set_on_kernel_ready_handler(k, [](K k) { rec(k, "ready"); });
-    TAM_set_on_output_handler(k, [](K k, void* c, S ty, S f, S t) { rec(k, cid(c) + " " + ty + "/" + f + ": " + t); });
-    TAM_set_on_output_data_handler(k, [](K k, void* c, S ty, D d) { rec(k, cid(c) + " " + ty + "/data " + bytes(d)); });
+    TAM_set_on_output_handler(
+        k, [](K k, void* c, S ty, S f, S t) { rec(k, cid(c) + " " + ty + "/" + f + ": " + t); });
+    TAM_set_on_output_data_handler(
+        k, [](K k, void* c, S ty, D d) { rec(k, cid(c) + " " + ty + "/data " + bytes(d)); });
     TAM_set_on_finished_handler(k, [](K k, void* c) { rec(k, cid(c) + " finished"); });
     TAM_set_on_input_wanted_handler(k, [](K k, void* c, int text, S prompt) {
         rec(k, cid(c) + (text ? " textinput: " : " input: ") + prompt);
     });
-    TAM_set_on_callback_handler(k, [](K k, void* c, D d) { rec(k, cid(c) + " callback " + bytes(d)); });
+    TAM_set_on_callback_handler(
+        k, [](K k, void* c, D d) { rec(k, cid(c) + " callback " + bytes(d)); });
     TAM_set_on_help_handler(k, [](K k, S v) { rec(k, std::string("help: ") + v); });
     TAM_set_on_system_handler(k, [](K k, S v) { rec(k, std::string("system: ") + v); });
-    TAM_set_on_textwidth_changed_handler(k, [](K k, long v) { rec(k, "textwidth " + std::to_string(v)); });
-    TAM_set_on_pretty_print_changed_handler(k, [](K k, int v) { rec(k, "prettyprint " + std::to_string(v)); });
-    TAM_set_on_abbreviate_output_changed_handler(k, [](K k, int v) { rec(k, "abbreviateoutput " + std::to_string(v)); });
-    TAM_set_on_format_changed_handler(k, [](K k, S type, S f) { rec(k, std::string("format ") + type + " " + f); });
+    TAM_set_on_textwidth_changed_handler(
+        k, [](K k, long v) { rec(k, "textwidth " + std::to_string(v)); });
+    TAM_set_on_pretty_print_changed_handler(
+        k, [](K k, int v) { rec(k, "prettyprint " + std::to_string(v)); });
+    TAM_set_on_abbreviate_output_changed_handler(
+        k, [](K k, int v) { rec(k, "abbreviateoutput " + std::to_string(v)); });
+    TAM_set_on_format_changed_handler(
+        k, [](K k, S type, S f) { rec(k, std::string("format ") + type + " " + f); });
     TAM_set_on_select_format_handler(k, [](K k, S type, long n, S* f) {
         std::string e = std::string("selformat ") + type + ":";
         for (long i = 0; i < n; ++i)
             e += std::string(" ") + f[i];
-        rec(k, e);  // left unanswered: results stay text
+        rec(k, e); // left unanswered: results stay text
     });
     TAM_set_on_status_handler(k, [](K k, long u, long r, long s) {
         of(k).used = u, of(k).res = r, of(k).sec = s, rec(k, "status");
     });
-    TAM_set_on_input_completion_handler(k, [](K k, S l, S p) { rec(k, std::string("completion ") + p + ": " + l); });
+    TAM_set_on_input_completion_handler(
+        k, [](K k, S l, S p) { rec(k, std::string("completion ") + p + ": " + l); });
     TAM_set_on_quit_handler(k, [](K k) { rec(k, "quit"); });
 }
 
 int msLeft(Clock::time_point end)
 {
-    return std::max(0, static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count()));
+    return std::max(
+        0, static_cast<int>(
+               std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count()));
 }
 
 // Polls cond until it holds or ms have passed; whether it held.
@@ -111,7 +147,10 @@ bool waitFor(const std::function<bool()>& cond, int ms)
     return true;
 }
 
-void rawSend(int fd, const std::string& b) { ASSERT_EQ(::send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size())); }
+void rawSend(int fd, const std::string& b)
+{
+    ASSERT_EQ(::send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size()));
+}
 
 // Reads a raw connection until needle shows up, or (empty needle) until the
 // kernel closes it, which is then marked "<closed>"; "" when neither happens
@@ -129,18 +168,23 @@ std::string rawRead(int fd, const std::string& needle, int ms = 5000)
             return needle.empty() ? got + "<closed>" : "";
         got.append(buf, static_cast<std::size_t>(n));
         // Only where the new bytes can complete it: replies may be huge.
-        std::size_t from = got.size() - std::min(got.size(), static_cast<std::size_t>(n) + needle.size());
+        std::size_t from =
+            got.size() - std::min(got.size(), static_cast<std::size_t>(n) + needle.size());
         if (!needle.empty() && got.find(needle, from) != std::string::npos)
             return got;
     }
     return "";
 }
 
-bool gone(const std::string& path) { struct stat st; return ::lstat(path.c_str(), &st) != 0; }
+bool gone(const std::string& path)
+{
+    struct stat st;
+    return ::lstat(path.c_str(), &st) != 0;
+}
 
 class Tamkern : public ::testing::Test {
 protected:
-    void SetUp() override { ::alarm(60); }  // a hung kernel must not hang the suite
+    void SetUp() override { ::alarm(60); } // a hung kernel must not hang the suite
     void TearDown() override
     {
         for (int fd : raw_)
@@ -149,7 +193,7 @@ protected:
         // for the kernel to end, goes after every joined one.
         for (auto it = clients_.rbegin(); it != clients_.rend(); ++it)
             TAM_delete_kernel((*it)->k);
-        for (const std::string& f : clientFiles_)  // the library leaves them
+        for (const std::string& f : clientFiles_) // the library leaves them
             ::unlink(f.c_str());
         if (pid_ > 0 && waitExit(0) == -1) {
             ::kill(pid_, SIGKILL);
@@ -194,14 +238,15 @@ protected:
             int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(log, 1);
             ::dup2(log, 2);
-            ::execl(TAMKERN_PATH, "tamkern", "--listen", path_.c_str(), static_cast<char*>(nullptr));
+            ::execl(TAMKERN_PATH, "tamkern", "--listen", path_.c_str(),
+                    static_cast<char*>(nullptr));
             ::_exit(127);
         }
         return waitFor([&] { return !gone(path_); }, 20000);
     }
     // A client on connection k: announced and (if wait) initialised.
-    Client& add(K k, long features = TAM_FEATURE_CAN_QUIT, std::vector<std::string> args = {"-l", TAMKERN_LIBDIR},
-                bool wait = true)
+    Client& add(K k, long features = TAM_FEATURE_CAN_QUIT,
+                std::vector<std::string> args = {"-l", TAMKERN_LIBDIR}, bool wait = true)
     {
         clients_.push_back(std::make_unique<Client>());
         Client& c = *clients_.back();
@@ -210,17 +255,21 @@ protected:
         watch(k, &c);
         sockaddr_un a{};
         socklen_t len = sizeof a;
-        if (::getsockname(TAM_get_client_fd(k), reinterpret_cast<sockaddr*>(&a), &len) == 0 && a.sun_path[0])
+        if (::getsockname(TAM_get_client_fd(k), reinterpret_cast<sockaddr*>(&a), &len) == 0 &&
+            a.sun_path[0])
             clientFiles_.push_back(a.sun_path);
         EXPECT_EQ(TAM_send_new_client(k, "test", nullptr, features), 1);
         if (wait && k && !pump([&] { return c.has("ready"); }))
             ADD_FAILURE() << "no ready";
-        c.mark = c.ev.size();  // the start-up stays in ev
+        c.mark = c.ev.size(); // the start-up stays in ev
         return c;
     }
     Client& join(S name) { return add(TAM_connect_uds_kernel(path_.c_str(), name)); }
     // Another client on the connection of c.
-    Client& another(Client& c) { return add(TAM_get_uds_kernel(nullptr, TAM_get_kernel_name(c.k), 0)); }
+    Client& another(Client& c)
+    {
+        return add(TAM_get_uds_kernel(nullptr, TAM_get_kernel_name(c.k), 0));
+    }
 
     // Runs the library's input loop over the clients' sockets until cond
     // holds or the time is up.
@@ -241,7 +290,7 @@ protected:
             for (const pollfd& q : p) {
                 char b;
                 if (q.revents && ::recv(q.fd, &b, 1, MSG_PEEK | MSG_DONTWAIT) == 0)
-                    return cond();  // closed by the kernel: nothing more will come
+                    return cond(); // closed by the kernel: nothing more will come
                 if (q.revents)
                     TAM_read_uds_input(q.fd);
             }
@@ -275,7 +324,12 @@ protected:
     }
 
     std::string logPath() const { return dir_ + "/kernel.log"; }
-    std::string log() const { std::ostringstream s; s << std::ifstream(logPath()).rdbuf(); return s.str(); }
+    std::string log() const
+    {
+        std::ostringstream s;
+        s << std::ifstream(logPath()).rdbuf();
+        return s.str();
+    }
     // The kernel writes its log independently of what clients see.
     bool logShows(const std::string& needle)
     {
@@ -348,12 +402,16 @@ TEST_F(Tamkern, StartupHandshakeSocketAndInitFile)
 
     std::string lib = dir_ + "/lib";
     ASSERT_EQ(std::system(("mkdir -p " + lib + "/tamkern").c_str()), 0);
-    std::ofstream(lib + "/tamkern/init") << "# comment\ninitvalue:=123\n\nprint(\"not shown\")\n1+*2\n";
-    Client& own = add(TAM_get_uds_kernel(nullptr, "main", 0), TAM_FEATURE_CAN_QUIT, {"-l", lib, "-zz"});
+    std::ofstream(lib + "/tamkern/init")
+        << "# comment\ninitvalue:=123\n\nprint(\"not shown\")\n1+*2\n";
+    Client& own =
+        add(TAM_get_uds_kernel(nullptr, "main", 0), TAM_FEATURE_CAN_QUIT, {"-l", lib, "-zz"});
     // Start-up commands are silent; a failing line and an unknown argument
     // are warnings.
-    EXPECT_EQ(own.ev, (Events{"init", "0 warning/text: " + lib + "/tamkern/init:5: syntax error line 1 col 3 at *",
-                              "0 warning/text: unknown argument: -zz", "ready"}));
+    EXPECT_EQ(own.ev,
+              (Events{"init",
+                      "0 warning/text: " + lib + "/tamkern/init:5: syntax error line 1 col 3 at *",
+                      "0 warning/text: unknown argument: -zz", "ready"}));
     EXPECT_EQ(result(own, "initvalue+1"), "124");
 }
 
@@ -380,8 +438,8 @@ TEST_F(Tamkern, IdsForTwoConnectionsWithTwoClientsEachOneSession)
     // A client may not speak for another connection's client. Had the forged
     // command been taken, its answer would come before that of the command
     // queued behind it.
-    rawSend(TAM_get_client_fd(b1.k),
-            "<cmd cl=\"" + std::to_string(id) + "\" cid=\"3\"><text format=\"_lan\">1</text></cmd>");
+    rawSend(TAM_get_client_fd(b1.k), "<cmd cl=\"" + std::to_string(id) +
+                                         "\" cid=\"3\"><text format=\"_lan\">1</text></cmd>");
     EXPECT_EQ(result(b1, "2"), "2");
     for (Client* c : {&a1, &a2, &b1, &b2})
         EXPECT_EQ(c->fresh(), Events{}) << TAM_get_client_id(c->k);
@@ -391,7 +449,11 @@ TEST_F(Tamkern, IdsForTwoConnectionsWithTwoClientsEachOneSession)
 TEST_F(Tamkern, RealGiacResultsAndErrors)
 {
     Client& c = add(launch());
-    const struct { S cmd; long long cid; Events want; } cases[] = {
+    const struct {
+        S cmd;
+        long long cid;
+        Events want;
+    } cases[] = {
         {"diff(sin(x)*x,x)", 17, {"17 result/text: cos(x)*x+sin(x)", "17 finished"}},
         {"factor(x^4-1)", 5, {"5 result/text: (x-1)*(x+1)*(x^2+1)", "5 finished"}},
         {"integrate(1/(1+x^2),x)", 5, {"5 result/text: atan(x)", "5 finished"}},
@@ -399,14 +461,17 @@ TEST_F(Tamkern, RealGiacResultsAndErrors)
         {"\"a<b&c\"", 5, {"5 result/text: \"a<b&c\"", "5 finished"}},
         {"1<2", 5, {"5 result/text: true", "5 finished"}},
         // Printed lines first, each its own output.
-        {"print(\"one\");print(\"two\");7", 5,
+        {"print(\"one\");print(\"two\");7",
+         5,
          {"5 print/text: one", "5 print/text: two", "5 result/text: 0,0,7", "5 finished"}},
         {"", 9, {"9 finished"}},
         {"1", -140737488355328LL, {"-140737488355328 result/text: 1", "-140737488355328 finished"}},
         {"1+*2", 5, {"5 error/text: syntax error line 1 col 3 at *", "5 finished"}},
         // What Giac says while failing to parse comes along.
-        {"factor(", 5, {"5 warning/text: Warning adding 1 ) at end of input",
-                        "5 error/text: factor(seq[]) Error: Bad Argument Value", "5 finished"}},
+        {"factor(",
+         5,
+         {"5 warning/text: Warning adding 1 ) at end of input",
+          "5 error/text: factor(seq[]) Error: Bad Argument Value", "5 finished"}},
     };
     for (const auto& t : cases)
         EXPECT_EQ(run(c, t.cmd, t.cid), t.want) << t.cmd;
@@ -434,13 +499,13 @@ TEST_F(Tamkern, StopInterruptsOnlyItsOwnClientsComputation)
     // Status is answered while the computation runs.
     ASSERT_EQ(TAM_send_status_wanted(c.k), 1);
     EXPECT_EQ(next(c), Events{"status"});
-    EXPECT_GT(c.used, 1000);   // KiB resident
-    EXPECT_GT(c.res, c.used);  // KiB virtual
+    EXPECT_GT(c.used, 1000);  // KiB resident
+    EXPECT_GT(c.res, c.used); // KiB virtual
     EXPECT_GE(c.sec, 0);
 
     auto t0 = Clock::now();
     ASSERT_EQ(TAM_send_stop(c.k), 1);
-    Events e = finished(c, 8);  // Giac may print where it stopped
+    Events e = finished(c, 8); // Giac may print where it stopped
     ASSERT_GE(e.size(), 2u);
     EXPECT_EQ(Events(e.end() - 2, e.end()), (Events{"8 error/text: interrupted", "8 finished"}));
     for (const std::string& m : e)
@@ -455,18 +520,28 @@ TEST_F(Tamkern, StopInterruptsOnlyItsOwnClientsComputation)
 TEST_F(Tamkern, QuestionsToTheFrontEndAnsweredCanceledAndStopped)
 {
     Client& c = add(launch());
-    const struct { S cmd, asked; void (*reply)(K); S outcome; } cases[] = {
-        {"input(\"n?\")+1", "4 input: n?", [](K k) { TAM_send_input(k, 0, "41"); }, "4 result/text: 42"},
-        {"input(\"again?\")", "4 input: again?", [](K k) { TAM_send_input(k, 1, ""); }, "4 error/text: input canceled"},
+    const struct {
+        S cmd, asked;
+        void (*reply)(K);
+        S outcome;
+    } cases[] = {
+        {"input(\"n?\")+1", "4 input: n?", [](K k) { TAM_send_input(k, 0, "41"); },
+         "4 result/text: 42"},
+        {"input(\"again?\")", "4 input: again?", [](K k) { TAM_send_input(k, 1, ""); },
+         "4 error/text: input canceled"},
         // A text answer is a string, not an expression.
         {"textinput(\"name?\")", "4 textinput: name?", [](K k) { TAM_send_textinput(k, 0, "x+1"); },
          "4 result/text: \"x+1\""},
         {"textinput(\"name?\")", "4 textinput: name?", [](K k) { TAM_send_textinput(k, 1, ""); },
          "4 error/text: input canceled"},
         {"input(\"x\")", "4 input: x", [](K k) { TAM_send_stop(k); }, "4 error/text: interrupted"},
-        {"system(\"ls -l\")*2", "system: ls -l", [](K k) { TAM_send_system_result(k, 21); }, "4 result/text: 42"},
+        {"system(\"ls -l\")*2", "system: ls -l", [](K k) { TAM_send_system_result(k, 21); },
+         "4 result/text: 42"},
         {"callback(x^2+1)*2", "4 callback utf8: x^2+1",
-         [](K k) { const TAM_DataTAG y = data("utf8", "y-1"); TAM_send_call_result(k, 0, &y); },
+         [](K k) {
+             const TAM_DataTAG y = data("utf8", "y-1");
+             TAM_send_call_result(k, 0, &y);
+         },
          "4 result/text: 2*(y-1)"},
         {"callback(1)", "4 callback utf8: 1", [](K k) { TAM_send_call_result(k, 1, nullptr); },
          "4 error/text: callback failed"},
@@ -513,10 +588,14 @@ TEST_F(Tamkern, ResultFormatsOfferedAndChosen)
     Client& c = add(launch(), TAM_FEATURE_CAN_QUIT | TAM_FEATURE_CAN_TYPESET);
     // A typesetting client is offered the formats at start-up.
     EXPECT_EQ(c.ev, (Events{"init", "selformat result: text tex mathml utf8", "ready"}));
-    const struct { S format, confirmed, result; } cases[] = {  // result of x^2/3
+    const struct {
+        S format, confirmed, result;
+    } cases[] = {
+        // result of x^2/3
         {"tex", "tex", "5 result/tex: \\frac{x^{2}}{3}"},
         {"mathml", "mathml",
-         "5 result/mathml: <math xmlns=\"http://www.w3.org/1998/Math/MathML\"><mfrac><mrow><msup><mrow> <mi>x</mi>"
+         "5 result/mathml: <math "
+         "xmlns=\"http://www.w3.org/1998/Math/MathML\"><mfrac><mrow><msup><mrow> <mi>x</mi>"
          "</mrow><mrow><mn>2</mn></mrow></msup></mrow><mrow><mn>3</mn></mrow></mfrac></math>"},
         {"utf8", "utf8", "5 result/data utf8: x^2/3"},
         // A format the kernel cannot produce leaves the choice as it was.
@@ -549,10 +628,13 @@ TEST_F(Tamkern, CommandsAsPayloads)
     // command only.
     TAM_DataTAG binary = data("binary", "1");
     ASSERT_EQ(TAM_send_cmd_data(c.k, cookie(13), &binary, 0, nullptr), 1);
-    EXPECT_EQ(finished(c, 13), (Events{"13 error/text: unsupported payload format \"binary\"", "13 finished"}));
-    rawSend(TAM_get_client_fd(c.k), "<cmd cl=\"" + std::to_string(TAM_get_client_id(c.k)) +
-                                        "\" cid=\"12\"><mcode format=\"utf8\">eJxLTEoGAAJN!!!!garbage</mcode></cmd>");
-    EXPECT_EQ(finished(c, 12), (Events{"12 error/text: the command's payload does not decode", "12 finished"}));
+    EXPECT_EQ(finished(c, 13),
+              (Events{"13 error/text: unsupported payload format \"binary\"", "13 finished"}));
+    rawSend(TAM_get_client_fd(c.k),
+            "<cmd cl=\"" + std::to_string(TAM_get_client_id(c.k)) +
+                "\" cid=\"12\"><mcode format=\"utf8\">eJxLTEoGAAJN!!!!garbage</mcode></cmd>");
+    EXPECT_EQ(finished(c, 12),
+              (Events{"12 error/text: the command's payload does not decode", "12 finished"}));
     EXPECT_EQ(run(c, "1+1"), (Events{"5 result/data utf8: 2", "5 finished"}));
 }
 
@@ -562,7 +644,8 @@ TEST_F(Tamkern, SettingsAreConfirmedHonouredAndPerClient)
     TAM_send_textwidth(c.k, 20);
     EXPECT_EQ(next(c), Events{"textwidth 20"});
     // At most 20 characters a line, broken after an operator.
-    EXPECT_EQ(result(c, "expand((x+y)^6)"), "x^6+y^6+6*x*y^5+15*\nx^2*y^4+20*x^3*y^3+\n15*x^4*y^2+6*x^5*y");
+    EXPECT_EQ(result(c, "expand((x+y)^6)"),
+              "x^6+y^6+6*x*y^5+15*\nx^2*y^4+20*x^3*y^3+\n15*x^4*y^2+6*x^5*y");
     TAM_send_textwidth(c.k, 0);
     EXPECT_EQ(next(c), Events{"textwidth 0"});
 
@@ -590,7 +673,8 @@ TEST_F(Tamkern, MalformedOrUnknownRequestsCostOnlyTheirConnection)
     Client& c = add(launch());
     int bad = rawConnect();
     // The running request goes with its broken connection.
-    rawSend(bad, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop + "</text></cmd><<<>>");
+    rawSend(bad, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop +
+                     "</text></cmd><<<>>");
     EXPECT_NE(rawRead(bad, ""), "") << "connection not closed";
     EXPECT_EQ(result(c, "6*7"), "42");
     EXPECT_TRUE(logShows("malformed request stream")) << log();
@@ -598,12 +682,15 @@ TEST_F(Tamkern, MalformedOrUnknownRequestsCostOnlyTheirConnection)
     // Unknown requests, clients and parts are skipped.
     std::string cl = std::to_string(TAM_get_client_id(c.k));
     auto cmd = [](const std::string& cl, S cid, S text) {
-        return "<cmd cl=\"" + cl + "\" cid=\"" + cid + "\"><text format=\"_lan\">" + text + "</text></cmd>";
+        return "<cmd cl=\"" + cl + "\" cid=\"" + cid + "\"><text format=\"_lan\">" + text +
+               "</text></cmd>";
     };
-    rawSend(TAM_get_client_fd(c.k), "<frobnicate cl=\"" + cl + "\">" + cmd(cl, "1", "2") + "</frobnicate>" +
-                                        cmd("999", "1", "3") + cmd("abc", "1", "3") + cmd(cl, "2", "1+<b>100</b>4"));
+    rawSend(TAM_get_client_fd(c.k), "<frobnicate cl=\"" + cl + "\">" + cmd(cl, "1", "2") +
+                                        "</frobnicate>" + cmd("999", "1", "3") +
+                                        cmd("abc", "1", "3") + cmd(cl, "2", "1+<b>100</b>4"));
     EXPECT_EQ(finished(c, 2), (Events{"2 result/text: 5", "2 finished"}));
-    for (const char* l : {"unknown request <frobnicate>", "unknown client 999", "unknown client (not a number)"})
+    for (const char* l :
+         {"unknown request <frobnicate>", "unknown client 999", "unknown client (not a number)"})
         EXPECT_TRUE(logShows(l)) << log();
 }
 
@@ -611,7 +698,8 @@ TEST_F(Tamkern, ClientThatDisconnectsMidCommandOrMidRequest)
 {
     Client& c = add(launch());
     int gone = rawConnect();
-    rawSend(gone, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop + "</text></cmd>");
+    rawSend(gone, std::string(kNewClient) + "<cmd cid=\"1\"><text format=\"_lan\">" + kLongLoop +
+                      "</text></cmd>");
     ASSERT_NE(rawRead(gone, "<sendinit"), "");
     ::shutdown(gone, SHUT_RDWR);
     // The orphaned computation is interrupted, so the next command runs.
@@ -641,7 +729,7 @@ TEST_F(Tamkern, ClientThatDisconnectsMidCommandOrMidRequest)
     ::shutdown(deaf, SHUT_RD);
     std::string typeset(kNewClient);
     rawSend(deaf, typeset.replace(typeset.find("features=\"\""), 11, "features=\"can_typeset \""));
-    pollfd p{deaf, 0, 0};  // hung up once the kernel has closed its end
+    pollfd p{deaf, 0, 0}; // hung up once the kernel has closed its end
     EXPECT_EQ(::poll(&p, 1, 5000), 1);
     EXPECT_EQ(result(c, "4+4"), "8");
 }
@@ -669,8 +757,10 @@ TEST_F(Tamkern, ClientThatStopsReadingDelaysNobody)
     // One message larger than the bound on unread bytes still reaches a
     // client that reads: width 1 makes 8 M characters some 75 MB of XML.
     int fd = rawConnect();
-    rawSend(fd, std::string(kNewClient) + "<textwidth value=\"1\"/><cmd cid=\"3\"><text format=\"_lan\">"
-                "s:=\"&lt;&lt;&lt;&lt;&lt;&lt;&lt;&lt;\":;for k from 1 to 20 do s:=s+s; od:;s</text></cmd>");
+    rawSend(fd, std::string(kNewClient) +
+                    "<textwidth value=\"1\"/><cmd cid=\"3\"><text format=\"_lan\">"
+                    "s:=\"&lt;&lt;&lt;&lt;&lt;&lt;&lt;&lt;\":;for k from 1 to 20 do s:=s+s; "
+                    "od:;s</text></cmd>");
     std::string got = rawRead(fd, "<finished cl=", 30000);
     EXPECT_GT(got.size(), 75000000u) << log();
 }
@@ -688,7 +778,8 @@ TEST_F(Tamkern, RequestsPilingUpBehindACommandAreReadInStep)
         flood += "<prettyprint value=\"0\"/>";
     std::size_t sent = 0;
     for (pollfd p{fd, POLLOUT, 0}; sent < flood.size() && ::poll(&p, 1, 500) == 1;)
-        sent += std::max<ssize_t>(0, ::send(fd, flood.data() + sent, flood.size() - sent, MSG_NOSIGNAL));
+        sent += std::max<ssize_t>(
+            0, ::send(fd, flood.data() + sent, flood.size() - sent, MSG_NOSIGNAL));
     EXPECT_LT(sent, flood.size() / 2);
     ASSERT_EQ(TAM_send_stop(c.k), 1);
     Events e = finished(c, 8);
@@ -709,11 +800,12 @@ TEST_F(Tamkern, RefusesPeersOfAnotherUser)
             ::_exit(10);
         int fd = rawConnect();
         ::send(fd, kNewClient, sizeof kNewClient - 1, MSG_NOSIGNAL);
-        ::_exit(rawRead(fd, "") == "<closed>" ? 0 : 12);  // refused unheard
+        ::_exit(rawRead(fd, "") == "<closed>" ? 0 : 12); // refused unheard
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0) << "10: setuid failed, 12: not refused";
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0)
+        << "10: setuid failed, 12: not refused";
     EXPECT_TRUE(logShows("refused a connection from uid 65534")) << log();
     EXPECT_EQ(result(c, "1+2"), "3");
 }
@@ -722,7 +814,7 @@ TEST_F(Tamkern, LastClientLeavingEndsALaunchedKernel)
 {
     Client& a = add(launch());
     Client& b = another(a);
-    TAM_delete_kernel(a.k);  // quits a
+    TAM_delete_kernel(a.k); // quits a
     clients_.erase(clients_.begin());
     // One client is left and the kernel still serves it: a kernel that ended
     // on a's quit would read no answer to its question.
@@ -769,14 +861,19 @@ TEST_F(Tamkern, OutOfDescriptorsRefusesNewcomersWithoutSpinning)
     EXPECT_EQ(rawRead(fds.back(), ""), "<closed>");
     EXPECT_EQ(result(a, "6*7"), "42");
     // A kernel that spins on a connection it cannot take logs a line a turn.
-    auto lines = [&] { std::string l = log(); return std::count(l.begin(), l.end(), '\n'); };
-    EXPECT_FALSE(waitFor([&] { return lines() > 48; }, 300)) << "one line per refusal: " << log().substr(0, 300);
+    auto lines = [&] {
+        std::string l = log();
+        return std::count(l.begin(), l.end(), '\n');
+    };
+    EXPECT_FALSE(waitFor([&] { return lines() > 48; }, 300))
+        << "one line per refusal: " << log().substr(0, 300);
     EXPECT_NE(log().find("refused a connection: Too many open files"), std::string::npos) << log();
     for (int fd : fds)
         ::shutdown(fd, SHUT_RDWR);
     // The kernel frees the descriptors as it notices the closed peers; a
     // newcomer arriving before that would still be refused.
-    EXPECT_TRUE(waitFor([&] { return openFiles() <= idle; }, 5000)) << openFiles() << " open, " << idle << " before";
+    EXPECT_TRUE(waitFor([&] { return openFiles() <= idle; }, 5000))
+        << openFiles() << " open, " << idle << " before";
     EXPECT_EQ(result(join("b"), "2+3"), "5");
 }
 

@@ -22,19 +22,28 @@ using namespace tamkern;
 
 TEST(TamkernUnits, EscapingKeepsTheStreamWellFormed)
 {
-    const struct { std::string in, out; } cases[] = {
+    const struct {
+        std::string in, out;
+    } cases[] = {
         {"a<b>&\"c'", "a&lt;b&gt;&amp;&quot;c&apos;"},
         // Line ends survive attribute normalisation as references.
         {"1\n2\r\t3", "1&#10;2&#13;&#9;3"},
         // Control characters have no XML 1.0 form at all.
-        {std::string("a\x01\x1f\x7f" "b", 5), "ab"},
+        {std::string("a\x01\x1f\x7f"
+                     "b",
+                     5),
+         "ab"},
         // Valid UTF-8 passes, invalid bytes become U+FFFD.
         {"\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80"},
-        {"a\xff" "b", "a\xef\xbf\xbd" "b"},
-        {"\xc3", "\xef\xbf\xbd"},                                              // cut short at the end
-        {"\xc0\xaf", "\xef\xbf\xbd\xef\xbf\xbd"},                              // overlong
-        {"\xed\xa0\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},              // surrogate
-        {"\xef\xbf\xbf\xef\xbf\xbc", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbc"},  // U+FFFF: no XML character
+        {"a\xff"
+         "b",
+         "a\xef\xbf\xbd"
+         "b"},
+        {"\xc3", "\xef\xbf\xbd"},                                 // cut short at the end
+        {"\xc0\xaf", "\xef\xbf\xbd\xef\xbf\xbd"},                 // overlong
+        {"\xed\xa0\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"}, // surrogate
+        {"\xef\xbf\xbf\xef\xbf\xbc",
+         "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbc"}, // U+FFFF: no XML character
     };
     for (const auto& t : cases)
         EXPECT_EQ(escaped(t.in), t.out) << t.in;
@@ -63,7 +72,8 @@ TEST(TamkernUnits, PayloadsDecodeAcrossWhitespaceButNotCutShortOrBeyondTheLimit)
 TEST(TamkernUnits, RequestStreamSplitAnywhereGivesTheSameRequests)
 {
     const std::string all =
-        "<newclient name =\"n&amp;1\" frame=\"f\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"\"/>"
+        "<newclient name =\"n&amp;1\" frame=\"f\" longfmt=\"text\" floatfmt=\"ieee\" "
+        "coding=\"ident \" features=\"\"/>"
         "<init cl=\"1\"><iarg value=\"-l\"/><iarg value=\"../lib\"/></init>"
         "<cmd cl=\"1\" cid=\"-5\"><text format=\"_lan\">a &lt; b &amp; \xc3\xa4</text></cmd>"
         "<cmd cl=\"1\" cid=\"6\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode></cmd>"
@@ -71,8 +81,9 @@ TEST(TamkernUnits, RequestStreamSplitAnywhereGivesTheSameRequests)
     auto read = [&](std::size_t cut) {
         std::string got;
         RequestReader r([&](Request& q) {
-            got += std::string(requestName(q.kind)) + "|" + q.name + "|" + std::to_string(q.cid) + "|" + q.text + "|" +
-                   q.payloadBase64 + "|" + (q.args.empty() ? "" : q.args.back()) + "\n";
+            got += std::string(requestName(q.kind)) + "|" + q.name + "|" + std::to_string(q.cid) +
+                   "|" + q.text + "|" + q.payloadBase64 + "|" +
+                   (q.args.empty() ? "" : q.args.back()) + "\n";
         });
         EXPECT_TRUE(r.feed(all.data(), static_cast<int>(cut)));
         EXPECT_TRUE(r.feed(all.data() + cut, static_cast<int>(all.size() - cut)));
@@ -101,7 +112,9 @@ TEST(TamkernUnits, OversizedRequestFailsTheReader)
     }
     // Elements nested without end (each one open costs the parser memory),
     // and start-up arguments without end.
-    const struct { std::string head, repeated, fault; } floods[] = {
+    const struct {
+        std::string head, repeated, fault;
+    } floods[] = {
         {"", "<cmd>", "requests nested too deeply"},
         {"<init>", "<iarg value=\"a\"/>", "<init> with more arguments than the limit"},
     };
@@ -176,7 +189,10 @@ struct Peer {
             [this](Connection&) { ++closes; });
     }
     ~Peer() { ::close(far); }
-    void say(const std::string& bytes) { ASSERT_EQ(::write(far, bytes.data(), bytes.size()), ssize_t(bytes.size())); }
+    void say(const std::string& bytes)
+    {
+        ASSERT_EQ(::write(far, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    }
 };
 
 } // namespace
@@ -197,7 +213,8 @@ TEST(TamkernUnits, ConnectionBoundsUnreadBytesBesidesTheLargestMessage)
     EXPECT_TRUE(p.conn->closed());
     EXPECT_EQ(p.closes, 1);
     EXPECT_GT(taken, Connection::MaxQueued);
-    EXPECT_LT(taken, Connection::MaxQueued + (8u << 20)) << "the socket itself holds a few hundred KB at most";
+    EXPECT_LT(taken, Connection::MaxQueued + (8u << 20))
+        << "the socket itself holds a few hundred KB at most";
 }
 
 TEST(TamkernUnits, ConnectionStopsHearingWhenClosedWaitingOrDone)
@@ -246,10 +263,16 @@ namespace {
 struct FakeEngine : Engine {
     std::vector<std::string> calls;
     void start() override {}
-    void submit(Job j) override { calls.push_back("submit " + std::to_string(j.client) + " " + j.text); }
+    void submit(Job j) override
+    {
+        calls.push_back("submit " + std::to_string(j.client) + " " + j.text);
+    }
     void interrupt(long c) override { calls.push_back("interrupt " + std::to_string(c)); }
     void clientGone(long c) override { calls.push_back("gone " + std::to_string(c)); }
-    void answer(long c, Question, Answer a) override { calls.push_back("answer " + std::to_string(c) + " " + a.text); }
+    void answer(long c, Question, Answer a) override
+    {
+        calls.push_back("answer " + std::to_string(c) + " " + a.text);
+    }
     bool shutdown(int) override { return true; }
 };
 

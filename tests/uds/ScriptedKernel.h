@@ -26,7 +26,8 @@ namespace tamixtest {
 
 using Strings = std::vector<std::string>;
 
-inline std::string readFile(const std::string& path) {
+inline std::string readFile(const std::string& path)
+{
     std::ostringstream s;
     s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
@@ -36,7 +37,8 @@ inline std::string readFile(const std::string& path) {
 // every kernel launched from now on plays it, until another scenario is made.
 struct Scenario {
     std::string dir;
-    explicit Scenario(const std::string& steps) {
+    explicit Scenario(const std::string& steps)
+    {
         char tmpl[] = "/tmp/tamixtestXXXXXX";
         dir = mkdtemp(tmpl) ? tmpl : "/nonexistent";
         play(steps);
@@ -53,26 +55,31 @@ struct Scenario {
 };
 
 // The file a client socket is bound to.
-inline std::string boundPath(int fd) {
+inline std::string boundPath(int fd)
+{
     sockaddr_un addr{};
     socklen_t len = sizeof addr;
-    return fd >= 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0 ? addr.sun_path : "";
+    return fd >= 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0 ? addr.sun_path
+                                                                                     : "";
 }
 
 // The library leaves client socket files behind; nothing connects to them,
 // so they can go at once.
-inline TAM_KernelImpl* withoutSocketFile(TAM_KernelImpl* k) {
+inline TAM_KernelImpl* withoutSocketFile(TAM_KernelImpl* k)
+{
     if (k)
         unlink(boundPath(TAM_get_client_fd(k)).c_str());
     return k;
 }
 
-inline TAM_KernelImpl* launch(const char* name = nullptr) {
+inline TAM_KernelImpl* launch(const char* name = nullptr)
+{
     return withoutSocketFile(TAM_new_uds_kernel(TAMIX_SCRIPTED_KERNEL, name));
 }
 
 // The names of the registered kernel processes, separated by blanks.
-inline std::string names() {
+inline std::string names()
+{
     std::string out;
     char** n = TAM_get_uds_kernel_names();
     for (char** p = n; p && *p; TAM_free(*p++))
@@ -82,8 +89,10 @@ inline std::string names() {
 }
 
 // A client's announcement with the default formats.
-inline std::string newClient(const std::string& name, const std::string& features) {
-    return "<newclient name =\"" + name + "\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"" +
+inline std::string newClient(const std::string& name, const std::string& features)
+{
+    return "<newclient name =\"" + name +
+           "\" frame=\"\" longfmt=\"text\" floatfmt=\"ieee\" coding=\"ident \" features=\"" +
            features + "\"/>";
 }
 
@@ -91,23 +100,29 @@ inline std::string newClient(const std::string& name, const std::string& feature
 inline Strings events;
 inline std::vector<TAM_KernelImpl*> clients;
 
-inline std::string who(TAM_KernelImpl* k) {
+inline std::string who(TAM_KernelImpl* k)
+{
     return std::to_string(std::find(clients.begin(), clients.end(), k) - clients.begin());
 }
 
-inline TAM_KernelImpl* watch(TAM_KernelImpl* k) {
+inline TAM_KernelImpl* watch(TAM_KernelImpl* k)
+{
     clients.push_back(k);
-    TAM_set_on_kernel_ready_handler(k, [](TAM_KernelImpl* k) { events.push_back("ready:" + who(k)); });
-    TAM_set_on_output_handler(k, [](TAM_KernelImpl* k, void*, const char*, const char*, const char* text) {
-        events.push_back("output:" + who(k) + ":" + text);
-    });
-    TAM_set_on_finished_handler(k, [](TAM_KernelImpl* k, void*) { events.push_back("finished:" + who(k)); });
+    TAM_set_on_kernel_ready_handler(k,
+                                    [](TAM_KernelImpl* k) { events.push_back("ready:" + who(k)); });
+    TAM_set_on_output_handler(
+        k, [](TAM_KernelImpl* k, void*, const char*, const char*, const char* text) {
+            events.push_back("output:" + who(k) + ":" + text);
+        });
+    TAM_set_on_finished_handler(
+        k, [](TAM_KernelImpl* k, void*) { events.push_back("finished:" + who(k)); });
     TAM_set_on_quit_handler(k, [](TAM_KernelImpl* k) { events.push_back("quit:" + who(k)); });
     return k;
 }
 
 // Polls the input loop until cond holds or the time is up.
-inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000) {
+inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000)
+{
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (; !cond(); usleep(5000)) {
         if (std::chrono::steady_clock::now() > end)
@@ -117,13 +132,17 @@ inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000) {
     return true;
 }
 
-inline bool alive(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
+inline bool alive(pid_t pid)
+{
+    return pid > 0 && kill(pid, 0) == 0;
+}
 
 // Each case runs in its own process; the fixture also keeps them apart
 // when the whole program runs at once. A loop that blocks for good ends the
 // process by the alarm instead of hanging the suite.
 struct UdsTest : ::testing::Test {
-    void SetUp() override {
+    void SetUp() override
+    {
         events.clear();
         clients.clear();
         alarm(20);

@@ -20,12 +20,13 @@
 #include <fstream>
 #include <string>
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     const char* record = getenv("TAMIX_RECORD");
     std::ifstream script(getenv("TAMIX_SCRIPT") ? getenv("TAMIX_SCRIPT") : "");
     if (argc != 3 || !record || !script)
         return 98;
-    alarm(30);  // a test gone wrong does not leave this process behind
+    alarm(30); // a test gone wrong does not leave this process behind
     std::ofstream(std::string(record) + ".args") << argv[0] << ' ' << argv[1] << ' ' << argv[2];
     std::ofstream(std::string(record) + ".pid") << getpid();
 
@@ -43,7 +44,8 @@ int main(int argc, char** argv) {
     };
     for (std::string line; std::getline(script, line);) {
         size_t sp = line.find(' ');
-        std::string op = line.substr(0, sp), arg = sp == std::string::npos ? "" : line.substr(sp + 1);
+        std::string op = line.substr(0, sp),
+                    arg = sp == std::string::npos ? "" : line.substr(sp + 1);
         for (size_t at = 0; (at = arg.find("\\n", at)) != std::string::npos; ++at)
             arg.replace(at, 2, "\n");
         if (op == "listen") {
@@ -51,7 +53,8 @@ int main(int argc, char** argv) {
             addr.sun_family = AF_UNIX;
             strncpy(addr.sun_path, argv[2], sizeof addr.sun_path - 1);
             listener = socket(AF_UNIX, SOCK_STREAM, 0);
-            if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) || listen(listener, 8))
+            if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) ||
+                listen(listener, 8))
                 return 97;
             kill(getppid(), SIGUSR1);
         } else if (op == "accept") {

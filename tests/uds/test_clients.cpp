@@ -12,7 +12,8 @@ namespace {
 
 // n watched clients on a new kernel process called "k", announced in
 // order; true if all went well.
-bool launchClients(size_t n) {
+bool launchClients(size_t n)
+{
     watch(launch("k"));
     while (clients.size() < n)
         watch(TAM_get_uds_kernel(nullptr, "k", 0));
@@ -25,7 +26,8 @@ bool launchClients(size_t n) {
 
 } // namespace
 
-TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
+TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder)
+{
     Scenario s("listen\naccept\nwait_for <newclient\nwait_for <newclient\nwait_for <newclient\n"
                "send <ready cl=\"7\"/><ready cl=\"9\"/>"
                "<output cl=\"7\" cid=\"0\"><text format=\"_lan\">for seven</text></output>"
@@ -39,7 +41,7 @@ TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
     // A waiting client that goes away sends nothing and leaves the queue.
     TAM_delete_kernel(clients[0]);
     ASSERT_TRUE(pumpUntil([] { return events.size() >= 3; }));
-    pumpUntil([] { return false; }, 200);  // room for stray deliveries
+    pumpUntil([] { return false; }, 200); // room for stray deliveries
     // A later message for 7 goes to its client again; ids -2 and 12 find
     // nobody waiting.
     EXPECT_EQ(events, (Strings{"ready:1", "ready:2", "output:1:for seven"}));
@@ -59,7 +61,8 @@ TEST_F(UdsClients, PendingClientsAreBoundInAnnouncementOrder) {
                                 "<quit cl=\"7\"/><quit cl=\"9\"/>");
 }
 
-TEST_F(UdsClients, KernelQuitReachesEveryClient) {
+TEST_F(UdsClients, KernelQuitReachesEveryClient)
+{
     Scenario s("listen\naccept\nwait_for <newclient\nwait_for <newclient\nwait_for <newclient\n"
                "send <ready cl=\"5\"/><ready cl=\"2\"/>\nwait_for <stop\n"
                "send <quit/><ready cl=\"5\"/><quit/>\ndrain\nexit 0\n");
@@ -105,7 +108,8 @@ TEST_F(UdsClients, KernelQuitReachesEveryClient) {
     EXPECT_NE(access(listenPath.c_str(), F_OK), 0) << listenPath;
 }
 
-TEST_F(UdsClients, QuitHandlerMayDeleteEveryClient) {
+TEST_F(UdsClients, QuitHandlerMayDeleteEveryClient)
+{
     Scenario s("listen\naccept\nwait_for <newclient\nwait_for <newclient\n"
                "send <ready cl=\"1\"/><ready cl=\"2\"/><quit/>\n"
                "wait_for <quit cl=\"2\"/>\nwait_for <quit cl=\"1\"/>\nexit 0\n");

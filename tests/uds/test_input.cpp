@@ -12,16 +12,19 @@ namespace {
 
 // A kernel that gives its one client id 1.
 const std::string kBound = "listen\naccept\nwait_for <newclient\nsend <ready cl=\"1\"/>\n";
-const std::string kText = "<output cl=\"1\" cid=\"0\"><text format=\"_lan\">", kEnd = "</text></output>";
+const std::string kText = "<output cl=\"1\" cid=\"0\"><text format=\"_lan\">",
+                  kEnd = "</text></output>";
 const std::string kFinished = "<finished cl=\"1\" cid=\"0\"/>";
 
-int queued(int fd) {
+int queued(int fd)
+{
     int n = 0;
     return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
 }
 
 // Waits until at least n bytes wait in the socket.
-bool waitQueued(int fd, int n = 1) {
+bool waitQueued(int fd, int n = 1)
+{
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (queued(fd) < n && std::chrono::steady_clock::now() < end)
         usleep(2000);
@@ -29,7 +32,8 @@ bool waitQueued(int fd, int n = 1) {
 }
 
 // Waits for the kernel's next piece and lets the input loop take all of it.
-bool consumeNextPiece(TAM_KernelImpl* k) {
+bool consumeNextPiece(TAM_KernelImpl* k)
+{
     const int fd = TAM_get_client_fd(k);
     return waitQueued(fd) && pumpUntil([fd] { return queued(fd) == 0; });
 }
@@ -38,12 +42,17 @@ bool consumeNextPiece(TAM_KernelImpl* k) {
 
 // A stream of messages split, joined and long, cut short by a handler that
 // deletes its own client.
-TEST_F(UdsInput, MessagesSplitJoinedLongAndCutShort) {
+TEST_F(UdsInput, MessagesSplitJoinedLongAndCutShort)
+{
     const std::string big = kText + std::string(3000, 'x') + kEnd;
-    Scenario s(kBound + "wait_for <stop\nsend <out\nwait_for <stop\nsend put cl=\"1\" cid=\"0\"><te\n"
+    Scenario s(kBound +
+               "wait_for <stop\nsend <out\nwait_for <stop\nsend put cl=\"1\" cid=\"0\"><te\n"
                "wait_for <stop\nsend xt format=\"_lan\">a\\nb</text></output\nwait_for <stop\n"
-               "send >" + kText + "c" + kEnd + kFinished + "\nwait_for <stop\nsend " + big + "\n"
-               "wait_for <stop\nsend " + kFinished + kText + "late" + kEnd + "<ready cl=\"1\"/>\ndrain\n");
+               "send >" +
+               kText + "c" + kEnd + kFinished + "\nwait_for <stop\nsend " + big +
+               "\n"
+               "wait_for <stop\nsend " +
+               kFinished + kText + "late" + kEnd + "<ready cl=\"1\"/>\ndrain\n");
     TAM_KernelImpl* k = watch(launch("k"));
     ASSERT_EQ(TAM_send_new_client(k, nullptr, nullptr, 0), 1);
     ASSERT_TRUE(pumpUntil([] { return TAM_get_client_id(clients[0]) == 1; }));
@@ -89,9 +98,11 @@ TEST_F(UdsInput, MessagesSplitJoinedLongAndCutShort) {
     EXPECT_NE(s.received().find("<quit cl=\"1\"/>"), std::string::npos);
 }
 
-TEST_F(UdsInput, MalformedInputThenAClosedSocket) {
-    Scenario s(kBound + "wait_for <stop\nsend " + kText + "ok" + kEnd + "<<oops>\nwait_for <stop\nsend " +
-               kFinished + "\nwait_for still there\nclose\nsleep_ms 300\nexit 0\n");
+TEST_F(UdsInput, MalformedInputThenAClosedSocket)
+{
+    Scenario s(kBound + "wait_for <stop\nsend " + kText + "ok" + kEnd +
+               "<<oops>\nwait_for <stop\nsend " + kFinished +
+               "\nwait_for still there\nclose\nsleep_ms 300\nexit 0\n");
     TAM_KernelImpl* k = watch(launch("k"));
     ASSERT_EQ(TAM_send_new_client(k, nullptr, nullptr, 0), 1);
     ASSERT_TRUE(pumpUntil([] { return TAM_get_client_id(clients[0]) == 1; }));
@@ -119,14 +130,16 @@ TEST_F(UdsInput, MalformedInputThenAClosedSocket) {
     EXPECT_NE(s.received().find("still there"), std::string::npos);
 }
 
-TEST_F(UdsInput, HandlerDeletesAndCreatesProcessesDuringTheWalk) {
-    const std::string steps = "listen\naccept\nwait_for <newclient\nwait_for <stop\nsend <ready cl=\"";
+TEST_F(UdsInput, HandlerDeletesAndCreatesProcessesDuringTheWalk)
+{
+    const std::string steps =
+        "listen\naccept\nwait_for <newclient\nwait_for <stop\nsend <ready cl=\"";
     Scenario sa(steps + "4\"/>\ndrain\nexit 0\n");
     TAM_KernelImpl* a = watch(launch("a"));
     Scenario sb(steps + "6\"/>\ndrain\nexit 0\n");
     TAM_KernelImpl* b = watch(launch("b"));
     ASSERT_TRUE(a && b);
-    Scenario sc(kBound + "drain\nexit 0\n");  // played by the next kernel
+    Scenario sc(kBound + "drain\nexit 0\n"); // played by the next kernel
     // a's handler takes b (its process and socket) away and starts c, which
     // may well take b's place in memory and b's descriptor.
     TAM_set_on_kernel_ready_handler(a, [](TAM_KernelImpl* k) {
@@ -146,7 +159,7 @@ TEST_F(UdsInput, HandlerDeletesAndCreatesProcessesDuringTheWalk) {
     EXPECT_EQ(events, Strings{"ready:0"});
     ASSERT_EQ(clients.size(), 3u);
     ASSERT_TRUE(pumpUntil([] { return events.size() >= 2; }));
-    for (int i = 0; i < 3; ++i)  // whatever else has come is read now
+    for (int i = 0; i < 3; ++i) // whatever else has come is read now
         TAM_handle_uds_input(0);
     EXPECT_EQ(events, (Strings{"ready:0", "ready:2"}));
     EXPECT_EQ(names(), "a c");

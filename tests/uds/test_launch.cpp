@@ -11,16 +11,22 @@ using namespace tamixtest;
 
 namespace {
 
-void usr1Marker(int) {}
-void chldMarker(int) {}
+void usr1Marker(int)
+{
+}
+void chldMarker(int)
+{
+}
 
 // Recognisable handlers, to tell whether a launch put them back.
-void installMarkers() {
+void installMarkers()
+{
     signal(SIGUSR1, usr1Marker);
     signal(SIGCHLD, chldMarker);
 }
 
-void expectMarkersAndNoChildren() {
+void expectMarkersAndNoChildren()
+{
     // Putting a marker back finds it in place.
     EXPECT_EQ(signal(SIGUSR1, usr1Marker), usr1Marker);
     EXPECT_EQ(signal(SIGCHLD, chldMarker), chldMarker);
@@ -33,7 +39,8 @@ void expectMarkersAndNoChildren() {
 // Before any process was registered neither a poll nor a wait blocks (the
 // alarm ends a wait that would). Set up before the first case of the program.
 struct NothingRegisteredYet : ::testing::Environment {
-    void SetUp() override {
+    void SetUp() override
+    {
         alarm(5);
         TAM_handle_uds_input(0);
         TAM_handle_uds_input(1);
@@ -42,11 +49,13 @@ struct NothingRegisteredYet : ::testing::Environment {
         EXPECT_EQ(names(), "");
     }
 };
-const auto* const nothingRegisteredYet = ::testing::AddGlobalTestEnvironment(new NothingRegisteredYet);
+const auto* const nothingRegisteredYet =
+    ::testing::AddGlobalTestEnvironment(new NothingRegisteredYet);
 
 } // namespace
 
-TEST(UdsLaunch, FailuresGiveNullPromptlyAndRestoreSignals) {
+TEST(UdsLaunch, FailuresGiveNullPromptlyAndRestoreSignals)
+{
     EXPECT_EQ(TAM_new_uds_kernel(nullptr, "x"), nullptr);
     EXPECT_EQ(TAM_connect_uds_kernel(nullptr, "x"), nullptr);
     EXPECT_EQ(TAM_connect_uds_kernel("/var/tmp/tamix-no-such-kernel", "x"), nullptr);
@@ -67,7 +76,8 @@ TEST(UdsLaunch, FailuresGiveNullPromptlyAndRestoreSignals) {
     EXPECT_TRUE(names().empty());
 }
 
-TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
+TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp)
+{
     installMarkers();
     // Another child of the program that ends while the kernel starts up must
     // not be taken for the kernel's death. The kernel itself lets that child
@@ -93,7 +103,7 @@ TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
     EXPECT_EQ(status, 0);
     ASSERT_NE(TAM_get_listen_path(k), nullptr);
     const std::string listen = TAM_get_listen_path(k);
-    EXPECT_EQ(s.args(), "tamix_scripted_kernel -X " + listen);  // argument 0 without its directory
+    EXPECT_EQ(s.args(), "tamix_scripted_kernel -X " + listen); // argument 0 without its directory
     EXPECT_TRUE(std::regex_match(listen, std::regex("/var/tmp//tamkr[^/]{6}"))) << listen;
     EXPECT_EQ(access(listen.c_str(), F_OK), 0);
     // Without a name the process is named after its socket.
@@ -119,8 +129,10 @@ TEST(UdsLaunch, ArgumentsSocketFilesAndCleanUp) {
     EXPECT_TRUE(names().empty());
 }
 
-TEST(UdsLaunch, JoiningAndLookingUpByName) {
-    Scenario s("listen\naccept\naccept\nwait_for <newclient\nsend <ready cl=\"3\"/>\ndrain\nexit 0\n");
+TEST(UdsLaunch, JoiningAndLookingUpByName)
+{
+    Scenario s(
+        "listen\naccept\naccept\nwait_for <newclient\nsend <ready cl=\"3\"/>\ndrain\nexit 0\n");
     TAM_KernelImpl* owner = withoutSocketFile(TAM_get_uds_kernel(TAMIX_SCRIPTED_KERNEL, "dup", 1));
     ASSERT_NE(owner, nullptr);
     const std::string listen = TAM_get_listen_path(owner);

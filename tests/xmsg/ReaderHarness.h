@@ -24,7 +24,7 @@ namespace rh {
 
 using K = TAM_KernelImpl;
 inline std::vector<std::string> gCalls;
-inline std::string gPayload;  // bytes of the last payload delivered
+inline std::string gPayload; // bytes of the last payload delivered
 
 inline std::string show(const char* p, std::size_t n)
 {
@@ -37,11 +37,26 @@ inline std::string show(const char* p, std::size_t n)
     }
     return s + "'";
 }
-inline std::string str(const char* p) { return p ? show(p, std::strlen(p)) : "(null)"; }
-inline std::string str(long v) { return std::to_string(v); }
-inline std::string str(char c) { return std::to_string(static_cast<unsigned char>(c)); }
-inline std::string str(void* cookie) { return str(static_cast<long>(reinterpret_cast<intptr_t>(cookie))); }
-inline std::string str(const std::string& s) { return s; }
+inline std::string str(const char* p)
+{
+    return p ? show(p, std::strlen(p)) : "(null)";
+}
+inline std::string str(long v)
+{
+    return std::to_string(v);
+}
+inline std::string str(char c)
+{
+    return std::to_string(static_cast<unsigned char>(c));
+}
+inline std::string str(void* cookie)
+{
+    return str(static_cast<long>(reinterpret_cast<intptr_t>(cookie)));
+}
+inline std::string str(const std::string& s)
+{
+    return s;
+}
 inline std::string str(const TAM_DataTAG* d)
 {
     gPayload.assign(reinterpret_cast<const char*>(d->data), d->length);
@@ -66,11 +81,17 @@ inline void recordAll(K* c)
 {
     c->on_init_wanted = [](K* k) { add(k, "init_wanted"); };
     c->on_kernel_ready = [](K* k) { add(k, "ready"); };
-    c->on_output = [](K* k, void* c, const char* t, const char* f, const char* x) { add(k, "output", c, t, f, x); };
-    c->on_output_data = [](K* k, void* c, const char* t, const TAM_DataTAG* d) { add(k, "output_data", c, t, d); };
+    c->on_output = [](K* k, void* c, const char* t, const char* f, const char* x) {
+        add(k, "output", c, t, f, x);
+    };
+    c->on_output_data = [](K* k, void* c, const char* t, const TAM_DataTAG* d) {
+        add(k, "output_data", c, t, d);
+    };
     c->on_finished = [](K* k, void* c) { add(k, "finished", c); };
     c->on_complete_cmd = [](K* k, void* c) { add(k, "complete", c); };
-    c->on_input_wanted = [](K* k, void* c, int text, const char* p) { add(k, "input_wanted", c, long(text), p); };
+    c->on_input_wanted = [](K* k, void* c, int text, const char* p) {
+        add(k, "input_wanted", c, long(text), p);
+    };
     c->on_callback = [](K* k, void* c, const TAM_DataTAG* d) { add(k, "callback", c, d); };
     c->on_help = [](K* k, const char* v) { add(k, "help", v); };
     c->on_system = [](K* k, const char* v) { add(k, "system", v); };
@@ -79,7 +100,9 @@ inline void recordAll(K* c)
     c->on_pretty_print_changed = [](K* k, int v) { add(k, "prettyprint", long(v)); };
     c->on_abbreviate_output_changed = [](K* k, int v) { add(k, "abbreviate", long(v)); };
     c->on_format_changed = [](K* k, const char* t, const char* f) { add(k, "format", t, f); };
-    c->on_select_format = [](K* k, const char* t, long n, const char** f) { add(k, "selformat", t, n, list(n, f)); };
+    c->on_select_format = [](K* k, const char* t, long n, const char** f) {
+        add(k, "selformat", t, n, list(n, f));
+    };
     c->on_status = [](K* k, long used, long res, long sec) { add(k, "status", used, res, sec); };
     c->on_input_completion = [](K* k, const char* l, const char* p) { add(k, "completion", l, p); };
     c->on_plot_result_file = [](K* k, void* c, const char* n) { add(k, "plotfile", c, n); };
@@ -117,8 +140,9 @@ struct TestReader : TAM_XmsgParserHandler {
         ++cleanups;
         TAM_XmsgParserHandler::cleanup();
     }
-    using TAM_XmsgParserHandler::content_, TAM_XmsgParserHandler::cookie_, TAM_XmsgParserHandler::format_,
-        TAM_XmsgParserHandler::type_, TAM_XmsgParserHandler::kernel_, TAM_XmsgParserHandler::dbgNames_,
+    using TAM_XmsgParserHandler::content_, TAM_XmsgParserHandler::cookie_,
+        TAM_XmsgParserHandler::format_, TAM_XmsgParserHandler::type_,
+        TAM_XmsgParserHandler::kernel_, TAM_XmsgParserHandler::dbgNames_,
         TAM_XmsgParserHandler::dbgTexts_, TAM_XmsgParserHandler::dbgPositions_,
         TAM_XmsgParserHandler::fmtCount_, TAM_XmsgParserHandler::fmtNames_;
 };
@@ -146,9 +170,9 @@ struct Session {
         std::mt19937 gen(seed);
         bool all = true;
         for (std::size_t pos = 0, n; pos < text.size(); pos += n) {
-            n = how == Split::Whole ? text.size()
-              : how == Split::Bytes ? 1
-                                    : std::uniform_int_distribution<std::size_t>(1, 23)(gen);
+            n = how == Split::Whole   ? text.size()
+                : how == Split::Bytes ? 1
+                                      : std::uniform_int_distribution<std::size_t>(1, 23)(gen);
             n = std::min(n, text.size() - pos);
             all = parser.saveParse(text.data() + pos, static_cast<int>(n)) && all;
         }
@@ -161,7 +185,11 @@ inline void expectCallsAllSplits(const std::string& text, const std::vector<std:
 {
     for (int i = -2; i < 8; ++i) {
         Session s;
-        EXPECT_TRUE(s.feed(text, i == -2 ? Split::Whole : i == -1 ? Split::Bytes : Split::Random, i));
+        EXPECT_TRUE(s.feed(text,
+                           i == -2   ? Split::Whole
+                           : i == -1 ? Split::Bytes
+                                     : Split::Random,
+                           i));
         EXPECT_EQ(gCalls, want) << "split " << i << " (-2 whole, -1 bytes, else random seed)";
     }
 }

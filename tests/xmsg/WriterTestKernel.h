@@ -14,7 +14,7 @@
 namespace writertest {
 
 struct FailingStream : TKheapStream {
-    long failAt = 0;  // 1-based write of the request that fails; 0: none
+    long failAt = 0; // 1-based write of the request that fails; 0: none
     long failCode = TKstream::Error, writes = 0, flushes = 0;
     bool throws = false, failFlush = false;
 
@@ -60,7 +60,10 @@ struct TestKernel : TAM_XmsgKernel {
         stream.clear();
         TAM_XmsgKernel::xbegin(name, len);
     }
-    std::string text() { return std::string(reinterpret_cast<char*>(stream.data()), stream.length()); }
+    std::string text()
+    {
+        return std::string(reinterpret_cast<char*>(stream.data()), stream.length());
+    }
 
     using TAM_XmsgKernel::status_;
     using TAM_XmsgKernel::xend;

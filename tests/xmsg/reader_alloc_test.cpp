@@ -26,9 +26,18 @@ long gAllocs = 0;
 } // namespace
 
 #define NOTE (gAllocs += gCounting)
-extern "C" void* malloc(size_t n) { return NOTE, __libc_malloc(n); }
-extern "C" void* calloc(size_t n, size_t m) { return NOTE, __libc_calloc(n, m); }
-extern "C" void* realloc(void* p, size_t n) { return NOTE, __libc_realloc(p, n); }
+extern "C" void* malloc(size_t n)
+{
+    return NOTE, __libc_malloc(n);
+}
+extern "C" void* calloc(size_t n, size_t m)
+{
+    return NOTE, __libc_calloc(n, m);
+}
+extern "C" void* realloc(void* p, size_t n)
+{
+    return NOTE, __libc_realloc(p, n);
+}
 void* operator new(size_t n)
 {
     NOTE;
@@ -36,8 +45,14 @@ void* operator new(size_t n)
         return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { __libc_free(p); }
-void operator delete(void* p, size_t) noexcept { __libc_free(p); }
+void operator delete(void* p) noexcept
+{
+    __libc_free(p);
+}
+void operator delete(void* p, size_t) noexcept
+{
+    __libc_free(p);
+}
 
 namespace {
 
@@ -61,20 +76,28 @@ protected:
 TEST_F(ReaderAlloc, CounterSeesTheLibrarysOwnAllocations)
 {
     rh::Session s;
-    EXPECT_GE(allocsDuring([&] { s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\" cond=\"b\"/></breakpoints>"); }),
+    EXPECT_GE(allocsDuring([&] {
+                  s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\" cond=\"b\"/></breakpoints>");
+              }),
               2);
-    EXPECT_GE(allocsDuring([&] { s.feed("<output cl=\"1\" type=\"a type longer than a short string\"/>"); }), 1);
+    EXPECT_GE(allocsDuring(
+                  [&] { s.feed("<output cl=\"1\" type=\"a type longer than a short string\"/>"); }),
+              1);
 }
 
 TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
 {
     static long delivered = 0;
     rh::Session s;
-    s.clients[1].on_output = [](rh::K*, void*, const char*, const char*, const char*) { ++delivered; };
-    s.clients[1].on_output_data = [](rh::K*, void*, const char*, const TAM_DataTAG*) { ++delivered; };
+    s.clients[1].on_output = [](rh::K*, void*, const char*, const char*, const char*) {
+        ++delivered;
+    };
+    s.clients[1].on_output_data = [](rh::K*, void*, const char*, const TAM_DataTAG*) {
+        ++delivered;
+    };
     s.clients[1].on_select_format = [](rh::K*, const char*, long, const char**) { ++delivered; };
     s.clients[1].on_finished = [](rh::K*, void*) { ++delivered; };
-    s.reader.lookups.reserve(4096);  // the harness's own record of lookups
+    s.reader.lookups.reserve(4096); // the harness's own record of lookups
     const std::string msgs[] = {
         "<output cl=\"1\" cid=\"17\" type=\"a\"><text format=\"b\">Hello</text></output>",
         "<output cl=\"1\" type=\"a-type-name-longer-than-a-short-string\"><text "
@@ -93,7 +116,7 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
                   for (int i = 0; i < 100; ++i)
                       for (const std::string& m : msgs)
                           s.feed(m);
-                  for (unsigned seed = 1; seed <= 20; ++seed)  // in pieces, as the socket gives them
+                  for (unsigned seed = 1; seed <= 20; ++seed) // in pieces, as the socket gives them
                       s.feed(pair, rh::Split::Random, seed);
               }),
               0);
@@ -104,6 +127,9 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
 
 #else
 
-TEST(ReaderAlloc, NeedsItsOwnAllocator) { GTEST_SKIP() << "AddressSanitizer owns malloc here"; }
+TEST(ReaderAlloc, NeedsItsOwnAllocator)
+{
+    GTEST_SKIP() << "AddressSanitizer owns malloc here";
+}
 
 #endif

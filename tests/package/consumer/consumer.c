@@ -19,7 +19,10 @@ static void onInit(TAM_KernelImpl* k)
     TAM_send_init(k, 2, args);
 }
 
-static void onReady(TAM_KernelImpl* k) { TAM_send_cmd(k, NULL, "1+1"); }
+static void onReady(TAM_KernelImpl* k)
+{
+    TAM_send_cmd(k, NULL, "1+1");
+}
 
 static void onOutput(TAM_KernelImpl* k, void* cookie, const char* type, const char* format,
                      const char* text)
@@ -29,7 +32,10 @@ static void onOutput(TAM_KernelImpl* k, void* cookie, const char* type, const ch
         snprintf(gAnswer, sizeof gAnswer, "%s", text);
 }
 
-static void onFinished(TAM_KernelImpl* k, void* cookie) { (void)k, (void)cookie, gDone = 1; }
+static void onFinished(TAM_KernelImpl* k, void* cookie)
+{
+    (void)k, (void)cookie, gDone = 1;
+}
 
 int main(int argc, char** argv)
 {
