@@ -2,7 +2,7 @@
 // is the scripted stand-in kernel, with standard input from a file.
 #include <sys/wait.h>
 
-#include "uds/ScriptedKernel.h"
+#include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "FuzzCommon.h"
-#include "xmsg/ReaderHarness.h"
+#include "common/ReaderHarness.h"
 #include "xmsg/TAM_XmsgParser.h"
 
 namespace {

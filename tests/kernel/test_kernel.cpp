@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "xmsg/WriterTestKernel.h"
+#include "common/WriterTestKernel.h"
 
 using writertest::TestKernel;
 

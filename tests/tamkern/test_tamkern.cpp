@@ -25,12 +25,15 @@
 #include <string>
 #include <vector>
 
+#include "common/Wait.h"
 #include "tamix/tamix.h"
 
 namespace {
 
 using Events = std::vector<std::string>;
-using Clock = std::chrono::steady_clock;
+using tamixtest::Clock;
+using tamixtest::msLeft;
+using tamixtest::waitFor;
 using K = TAM_KernelImpl*;
 using S = const char*;
 using D = const TAM_DataTAG*;
@@ -127,24 +130,6 @@ void watch(K k, Client* c)
     TAM_set_on_input_completion_handler(
         k, [](K k, S l, S p) { rec(k, std::string("completion ") + p + ": " + l); });
     TAM_set_on_quit_handler(k, [](K k) { rec(k, "quit"); });
-}
-
-int msLeft(Clock::time_point end)
-{
-    return std::max(
-        0, static_cast<int>(
-               std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count()));
-}
-
-// Polls cond until it holds or ms have passed; whether it held.
-bool waitFor(const std::function<bool()>& cond, int ms)
-{
-    for (auto end = Clock::now() + std::chrono::milliseconds(ms); !cond();) {
-        if (msLeft(end) == 0)
-            return false;
-        ::usleep(5000);
-    }
-    return true;
 }
 
 void rawSend(int fd, const std::string& b)

@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-#include "uds/ScriptedKernel.h"
+#include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
 using UdsClients = UdsTest;

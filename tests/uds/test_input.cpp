@@ -3,7 +3,7 @@
 // connections and processes while the loop walks over it.
 #include <sys/ioctl.h>
 
-#include "uds/ScriptedKernel.h"
+#include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
 using UdsInput = UdsTest;

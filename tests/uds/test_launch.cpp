@@ -5,7 +5,7 @@
 
 #include <regex>
 
-#include "uds/ScriptedKernel.h"
+#include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
 

@@ -5,7 +5,7 @@
 
 #include <clocale>
 
-#include "ReaderHarness.h"
+#include "common/ReaderHarness.h"
 
 namespace {
 

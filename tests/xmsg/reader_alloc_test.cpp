@@ -9,7 +9,7 @@
 
 #include <clocale>
 
-#include "ReaderHarness.h"
+#include "common/ReaderHarness.h"
 
 #ifndef __SANITIZE_ADDRESS__
 

@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-#include "ReaderHarness.h"
+#include "common/ReaderHarness.h"
 #include "support/TKbase64.h"
 
 using namespace rh;

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <random>
 
-#include "ReaderHarness.h"
+#include "common/ReaderHarness.h"
 
 using writertest::TestKernel;
 

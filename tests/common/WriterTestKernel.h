@@ -1,8 +1,8 @@
 // Test doubles for the request writer: a heap stream that fails (or throws)
 // on its Nth write of a request or on flush, and a connection over it whose
 // every request starts on an emptied stream, as the transport's does.
-#ifndef TAMIX_TESTS_XMSG_WRITERTESTKERNEL_H
-#define TAMIX_TESTS_XMSG_WRITERTESTKERNEL_H
+#ifndef TAMIX_TESTS_COMMON_WRITERTESTKERNEL_H
+#define TAMIX_TESTS_COMMON_WRITERTESTKERNEL_H
 
 #include <clocale>
 #include <new>

@@ -3,8 +3,8 @@
 // quoted with non-ASCII bytes as \xHH, payloads as format, length and bytes
 // up to 64), a reader whose kernel(id) resolves to clients 0 to 2, and
 // feeding of a stream whole, in random pieces or byte by byte.
-#ifndef TAMIX_TESTS_XMSG_READERHARNESS_H
-#define TAMIX_TESTS_XMSG_READERHARNESS_H
+#ifndef TAMIX_TESTS_COMMON_READERHARNESS_H
+#define TAMIX_TESTS_COMMON_READERHARNESS_H
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "WriterTestKernel.h"
+#include "common/WriterTestKernel.h"
 #include "xmsg/TAM_XmsgParser.h"
 #include "xmsg/TAM_XmsgParserHandler.h"
 

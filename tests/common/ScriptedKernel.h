@@ -1,8 +1,8 @@
 // Test support: scenarios for the scripted stand-in kernel, clients whose
 // handlers record what they get, and the input loop run until a condition
 // holds.
-#ifndef TAMIX_TESTS_UDS_SCRIPTEDKERNEL_H
-#define TAMIX_TESTS_UDS_SCRIPTEDKERNEL_H
+#ifndef TAMIX_TESTS_COMMON_SCRIPTEDKERNEL_H
+#define TAMIX_TESTS_COMMON_SCRIPTEDKERNEL_H
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Wait.h"
 #include "tamix/tamix.h"
 
 namespace tamixtest {
@@ -123,13 +124,14 @@ inline TAM_KernelImpl* watch(TAM_KernelImpl* k)
 // Polls the input loop until cond holds or the time is up.
 inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (; !cond(); usleep(5000)) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        TAM_handle_uds_input(0);
-    }
-    return true;
+    return waitFor(
+        [&] {
+            if (cond())
+                return true;
+            TAM_handle_uds_input(0);
+            return cond();
+        },
+        timeoutMs);
 }
 
 inline bool alive(pid_t pid)
