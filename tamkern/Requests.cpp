@@ -49,10 +49,11 @@ enum Attr {
     A_type,
     A_canceled,
     A_error,
-    A_format
+    A_format,
+    A_flags
 };
-const char* const kAttrs[] = {"cl",    "cid",  "name",     "frame", "features",
-                              "value", "type", "canceled", "error", "format"};
+const char* const kAttrs[] = {"cl",   "cid",      "name",  "frame",  "features", "value",
+                              "type", "canceled", "error", "format", "flags"};
 
 template <std::size_t N>
 int lookup(const char* const (&names)[N], const char* name)
@@ -80,6 +81,19 @@ bool flag(const char* s)
 {
     long long v = 0;
     return parseLong(s, v) && v != 0;
+}
+
+// A blank-separated word list holds word.
+bool hasWord(const char* list, const char* word)
+{
+    std::size_t n = std::strlen(word);
+    for (const char* p = list; (p = std::strstr(p, word)) != nullptr; p += n) {
+        bool starts = p == list || p[-1] == ' ';
+        bool ends = p[n] == '\0' || p[n] == ' ';
+        if (starts && ends)
+            return true;
+    }
+    return false;
 }
 
 const char kRoot[] = "<tamkernRequests>";
@@ -194,6 +208,9 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
                 break;
             case A_error:
                 req_.error = flag(a.value);
+                break;
+            case A_flags:
+                req_.noHistory = hasWord(a.value, "no_history");
                 break;
             default:
                 break;

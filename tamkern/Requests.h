@@ -41,6 +41,7 @@ struct Request {
     std::string type, value;           // format; value of the value attribute
     bool canceled = false;             // input, textinput
     bool error = false;                // callresult
+    bool noHistory = false;            // cmd: flags="no_history"
     std::vector<std::string> args;     // init
     bool hasText = false;              // a text child (cmd, input) or content (textinput)
     std::string text;
