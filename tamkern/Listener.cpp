@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -87,13 +88,21 @@ Listener::Listener(std::string path) : path_(std::move(path))
 
 Listener::~Listener()
 {
-    if (fd_ >= 0)
-        ::close(fd_);
-    if (spareFd_ >= 0)
-        ::close(spareFd_);
+    for (int fd : {fd_, spareFd_, watchFd_})
+        if (fd >= 0)
+            ::close(fd);
 }
 
 bool Listener::open()
+{
+    closed_ = false;
+    if (!bindAndListen())
+        return false;
+    watchDirectory();
+    return true;
+}
+
+bool Listener::bindAndListen()
 {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
@@ -120,9 +129,63 @@ bool Listener::open()
     int fl = ::fcntl(fd, F_GETFL);
     if (fl >= 0)
         ::fcntl(fd, F_SETFL, fl | O_NONBLOCK);
+    struct stat st;
+    if (::lstat(path_.c_str(), &st) == 0) {
+        dev_ = st.st_dev;
+        ino_ = st.st_ino;
+    }
     fd_ = fd;
-    spareFd_ = openSpare();
+    if (spareFd_ < 0)
+        spareFd_ = openSpare();
     return true;
+}
+
+// Without inotify the file is still checked on every wake-up of the loop.
+void Listener::watchDirectory()
+{
+    if (watchFd_ >= 0)
+        return;
+    std::size_t slash = path_.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : path_.substr(0, slash ? slash : 1);
+    int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0)
+        return;
+    if (::inotify_add_watch(fd, dir.c_str(), IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE) <
+        0) {
+        ::close(fd);
+        return;
+    }
+    watchFd_ = fd;
+}
+
+// true if the directory changed since the last call.
+bool Listener::drainWatch()
+{
+    bool changed = false;
+    alignas(inotify_event) char buf[4096];
+    while (watchFd_ >= 0 && ::read(watchFd_, buf, sizeof buf) > 0)
+        changed = true;
+    return changed;
+}
+
+bool Listener::ownsPath() const
+{
+    struct stat st;
+    return ::lstat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && st.st_dev == dev_ &&
+           st.st_ino == ino_;
+}
+
+void Listener::keepListening()
+{
+    bool changed = drainWatch();
+    if (closed_ || (fd_ >= 0 && ownsPath()) || (fd_ < 0 && !changed))
+        return;
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+    paused_ = false;
+    bindAndListen();
 }
 
 std::vector<int> Listener::acceptAll()
@@ -180,11 +243,13 @@ int Listener::pollTimeoutMs() const
 
 void Listener::close()
 {
+    closed_ = true;
     if (fd_ < 0)
         return;
     ::close(fd_);
     fd_ = -1;
-    ::unlink(path_.c_str());
+    if (ownsPath())
+        ::unlink(path_.c_str());
 }
 
 } // namespace tamkern

@@ -9,7 +9,9 @@ namespace tamkern {
 
 // A Unix-domain socket at a path that only the kernel's own user may use,
 // which keeps refusing newcomers cleanly when the process runs out of
-// descriptors.
+// descriptors, and which listens again at the same path when its socket file
+// is removed while the kernel runs (a front end that joined a kernel removes
+// the kernel's socket file when it leaves).
 class Listener {
 public:
     // Nothing happens before open().
@@ -35,14 +37,31 @@ public:
     int pollTimeoutMs() const;
     // Ends a pause once poll() has returned.
     void resume() { paused_ = false; }
-    // Stops listening and removes the socket file.
+    // A descriptor that becomes readable when an entry of the socket's
+    // directory is removed or renamed (inotify), or -1 if there is none.
+    int watchFd() const { return watchFd_; }
+    // Called on every wake-up of the poll loop: reads what watchFd() has,
+    // and if the socket file is no longer the one this listener made, makes
+    // a new one at the path. After a failure it tries again only once the
+    // directory has changed. Nothing happens once closed.
+    void keepListening();
+    // The socket file at the path is the one this listener bound.
+    bool ownsPath() const;
+    // Stops listening and removes the socket file if it is still ours.
     void close();
 
 private:
+    bool bindAndListen();
     bool refuseOne();
+    void watchDirectory();
+    bool drainWatch();
 
     std::string path_;
     int fd_ = -1;
+    int watchFd_ = -1;
+    bool closed_ = false;
+    // The socket file's identity, to tell it from one made by someone else.
+    unsigned long long dev_ = 0, ino_ = 0;
     // Held open so that a connection can still be taken and refused when the
     // descriptors run out; otherwise it would wait on the listening socket
     // and keep every poll() returning at once.
