@@ -6,16 +6,23 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "tamkern/Connection.h"
 #include "tamkern/Dispatcher.h"
+#include "tamkern/Listener.h"
 #include "tamkern/Messages.h"
+#include "tamkern/Paths.h"
 #include "tamkern/Requests.h"
 #include "tamkern/Session.h"
+#include "tamkern/Svg.h"
 #include "tamkern/TextLayout.h"
 
 using namespace tamkern;
@@ -126,6 +133,101 @@ TEST(TamkernUnits, OversizedRequestFailsTheReader)
         EXPECT_FALSE(r.feed(s.data(), static_cast<int>(s.size())));
         EXPECT_EQ(r.fault(), f.fault);
     }
+}
+
+TEST(TamkernUnits, GiacSvgIsMadeWellFormed)
+{
+    // As Giac writes it: no blank between some attributes, a label's text
+    // as the user typed it.
+    const std::string giac =
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" baseProfile=\"tiny\"width=\"1\">\n"
+        "<line x1=\"0\" y2=\"5\"stroke=\"a&b\" />\n"
+        "<text x=\"1\">a<b & c>d &alpha; &amp; \x01</text>\n"
+        "<text x=\"2\"/>&#38;</svg>";
+    EXPECT_FALSE(isWellFormedXml(giac));
+    const std::string fixed = repairSvg(giac);
+    EXPECT_EQ(fixed, "<svg xmlns=\"http://www.w3.org/2000/svg\" baseProfile=\"tiny\" width=\"1\">\n"
+                     "<line x1=\"0\" y2=\"5\" stroke=\"a&amp;b\" />\n"
+                     "<text x=\"1\">a&lt;b &amp; c&gt;d &amp;alpha; &amp;amp; </text>\n"
+                     "<text x=\"2\"/>&#38;</svg>");
+    EXPECT_TRUE(isWellFormedXml(fixed));
+    // Other damage stays and is caught.
+    EXPECT_FALSE(isWellFormedXml(repairSvg("<svg><g></svg>")));
+    EXPECT_FALSE(isWellFormedXml(""));
+}
+
+TEST(TamkernUnits, KernelFilesFollowTheBaseDirectories)
+{
+    ::setenv("HOME", "/h", 1);
+    ::setenv("XDG_STATE_HOME", "/s", 1);
+    EXPECT_EQ(defaultLogFile(), "/s/tamkern/tamkern.log");
+    ::setenv("XDG_STATE_HOME", "relative/is/ignored", 1);
+    EXPECT_EQ(defaultLogFile(), "/h/.local/state/tamkern/tamkern.log");
+    ::setenv("XDG_RUNTIME_DIR", "/r", 1);
+    EXPECT_EQ(plotDirFor(7), "/r/tamkern/plots-7");
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ::setenv("XDG_CACHE_HOME", "/c", 1);
+    EXPECT_EQ(plotDirFor(7), "/c/tamkern/plots-7");
+    ::unsetenv("XDG_CACHE_HOME");
+    ::unsetenv("HOME");
+    EXPECT_EQ(plotDirFor(7), "");
+
+    char t[] = "/tmp/tamkern-units-XXXXXX";
+    const std::string dir = ::mkdtemp(t);
+    const std::string made = dir + "/a/b";
+    ASSERT_TRUE(makeDirs(made));
+    struct stat st;
+    ASSERT_EQ(::stat((dir + "/a").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_TRUE(makeDirs(made)) << "already there";
+    ::close(::open((made + "/f").c_str(), O_CREAT | O_WRONLY, 0600));
+    EXPECT_FALSE(makeDirs(made + "/f")) << "a file is no directory";
+    removeDir(made);
+    EXPECT_NE(::stat(made.c_str(), &st), 0);
+    removeDir(dir + "/a");
+    removeDir(dir);
+}
+
+TEST(TamkernUnits, ListenerListensAgainWhenItsSocketFileIsRemoved)
+{
+    char t[] = "/tmp/tamkern-units-XXXXXX";
+    const std::string dir = ::mkdtemp(t);
+    const std::string path = dir + "/k.sock";
+    Listener l(path);
+    ASSERT_TRUE(l.open());
+    ASSERT_TRUE(l.ownsPath());
+    auto canConnect = [&] {
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        ::close(fd);
+        for (int accepted : l.acceptAll())
+            ::close(accepted);
+        return ok;
+    };
+    ::unlink(path.c_str());
+    // The removal wakes the loop, which has the listener look.
+    pollfd p{l.watchFd(), POLLIN, 0};
+    ASSERT_EQ(::poll(&p, 1, 2000), 1);
+    l.keepListening();
+    EXPECT_TRUE(l.ownsPath());
+    EXPECT_TRUE(canConnect());
+    struct stat st;
+    ASSERT_EQ(::lstat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 077, 0u);
+
+    // Someone else's file in its place is left alone, also by close().
+    ::unlink(path.c_str());
+    ::close(::open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+    l.keepListening();
+    EXPECT_FALSE(l.ownsPath());
+    EXPECT_EQ(l.pollFd(), -1);
+    l.close();
+    EXPECT_EQ(::lstat(path.c_str(), &st), 0);
+    ::unlink(path.c_str());
+    ::rmdir(dir.c_str());
 }
 
 TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
