@@ -4,10 +4,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <iostream>
 #include <poll.h>
 #include <unistd.h>
+
+#include "tamkern/Paths.h"
 
 // Sanitizer reports are written to descriptor 2 and must reach the log, not
 // a client's output; in a sanitizer build descriptor 2 is therefore left as
@@ -21,16 +24,51 @@ constexpr bool kCaptureFd2 = true;
 namespace tamkern {
 
 namespace {
-// Where the log goes: the original standard error, also after descriptor 2
-// has been redirected.
+// Where the log goes: a file, or the original standard error, also after
+// descriptor 2 has been redirected.
 int gLogFd = 2;
+bool gLogIsFile = false;
 std::mutex gLogMutex;
+
+// "tamkern: ", or for a file, which several kernels may share, the time and
+// the process as well.
+int linePrefix(char* line, std::size_t size)
+{
+    if (!gLogIsFile)
+        return std::snprintf(line, size, "tamkern: ");
+    std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    ::localtime_r(&now, &tm);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
+    return std::snprintf(line, size, "%s tamkern[%ld]: ", stamp, static_cast<long>(::getpid()));
+}
 } // namespace
+
+bool logToFile(const std::string& path)
+{
+    std::size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0)
+        makeDirs(path.substr(0, slash));
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        std::fprintf(stderr, "tamkern: cannot open the log file %s: %s\n", path.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    if (gLogIsFile)
+        ::close(gLogFd);
+    gLogFd = fd;
+    gLogIsFile = true;
+    return true;
+}
 
 void klog(const char* fmt, ...)
 {
     char line[1024];
-    int n = std::snprintf(line, sizeof line, "tamkern: ");
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    int n = linePrefix(line, sizeof line);
     va_list ap;
     va_start(ap, fmt);
     int m = std::vsnprintf(line + n, sizeof line - n - 1, fmt, ap);
@@ -39,7 +77,6 @@ void klog(const char* fmt, ...)
         m = 0;
     std::size_t len = std::min<std::size_t>(n + m, sizeof line - 2);
     line[len++] = '\n';
-    std::lock_guard<std::mutex> lock(gLogMutex);
     std::size_t done = 0;
     while (done < len) {
         ssize_t w = ::write(gLogFd, line + done, len - done);
@@ -78,11 +115,14 @@ bool OutputCapture::start()
     std::fflush(stderr);
     {
         std::lock_guard<std::mutex> lock(gLogMutex);
-        gLogFd = err;
+        if (!gLogIsFile)
+            gLogFd = err;
     }
     ::dup2(fds[1], 1);
     if (kCaptureFd2)
         ::dup2(fds[1], 2);
+    else if (gLogIsFile)
+        ::dup2(gLogFd, 2); // the sanitizers' reports join the log
     std::cout.flush();
     std::cerr.flush();
     oldCout_ = std::cout.rdbuf(&streamBuf_);
@@ -115,7 +155,8 @@ void OutputCapture::stop()
         thread_.join();
     {
         std::lock_guard<std::mutex> lock(gLogMutex);
-        gLogFd = 2;
+        if (!gLogIsFile)
+            gLogFd = 2;
     }
     ::close(pipeRead_);
     ::close(savedOut_);

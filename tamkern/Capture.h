@@ -3,7 +3,8 @@
 // so nothing that Giac or the libraries under it print may reach that
 // terminal: descriptors 1 and 2 are redirected into a pipe whose contents
 // become error outputs of the running command, and the kernel's own log goes
-// to a private copy of the original standard error.
+// to a file (a launched kernel) or to a private copy of the original
+// standard error.
 #ifndef TAMKERN_CAPTURE_H
 #define TAMKERN_CAPTURE_H
 
@@ -15,8 +16,12 @@
 
 namespace tamkern {
 
-// One line "tamkern: ..." on the log. Safe from any thread.
+// One line "tamkern: ..." on the log; in a log file with the time and the
+// process id in front. Safe from any thread.
 void klog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Appends the log to the file at path from now on, making its directory if
+// need be. false (with the reason on standard error) if it cannot be opened.
+bool logToFile(const std::string& path);
 
 class OutputCapture {
 public:
