@@ -1,5 +1,6 @@
 #include "tamkern/Dispatcher.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -91,7 +92,7 @@ Job jobFor(const Client& cl, Job::Kind kind)
     Job job;
     job.kind = kind;
     job.client = cl.id;
-    job.style = cl.style;
+    job.style = cl.style; // as it is now: later settings do not change it
     return job;
 }
 
@@ -117,7 +118,20 @@ std::string statusMessage(long client)
 
 } // namespace
 
-Dispatcher::Dispatcher(Host& host, Engine& engine) : host_(host), engine_(engine)
+std::string completionList(const std::vector<std::string>& names, const std::string& prefix)
+{
+    std::string list;
+    for (auto it = std::lower_bound(names.begin(), names.end(), prefix);
+         it != names.end() && it->compare(0, prefix.size(), prefix) == 0; ++it) {
+        if (!list.empty())
+            list += ' ';
+        list += *it;
+    }
+    return list;
+}
+
+Dispatcher::Dispatcher(Host& host, Engine& engine, std::chrono::milliseconds stopGrace)
+    : host_(host), engine_(engine), stopGrace_(stopGrace)
 {
 }
 
@@ -132,18 +146,16 @@ void Dispatcher::request(int conn, Request& req)
     Client* cl = resolve(conn, req);
     if (!cl || answerAtOnce(*cl, req))
         return;
-    if (req.kind == Request::Cmd && req.hasText && isQuitCommand(req.text)) {
-        quit();
-        return;
-    }
-    queue_.push_back(Pending{conn, cl->id, std::move(req)});
-    host_.requestQueued(conn);
-    dispatch();
+    if (req.kind == Request::Init)
+        init(*cl, req);
+    else if (req.kind == Request::Cmd)
+        command(*cl, req);
 }
 
 void Dispatcher::announce(int conn, const Request& req)
 {
-    const Client& cl = session_.add(conn, req.name, req.features);
+    Client& cl = session_.add(conn, req.name, req.features);
+    cl.style.plots = cl.has("can_plot");
     long id = cl.id;
     bool typeset = cl.has("can_typeset");
     // The first message for a new id is what tells the client its id. A
@@ -175,15 +187,12 @@ Client* Dispatcher::resolve(int conn, const Request& req)
     return cl;
 }
 
-// Requests that do not wait their turn: true if req was one.
+// Requests that need no evaluation: true if req was one.
 bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
 {
     switch (req.kind) {
     case Request::Stop:
-        // Stops this client's running command only: in a shared session one
-        // client must not cut short another's work. Commands still waiting
-        // in the queue are not affected.
-        engine_.interrupt(cl.id);
+        stop(cl);
         return true;
     case Request::SendStatus:
         host_.send(cl.conn, statusMessage(cl.id));
@@ -199,9 +208,47 @@ bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
     case Request::CallResult:
         engine_.answer(cl.id, questionOf(req.kind), answerOf(cl.id, req));
         return true;
+    case Request::TextWidth:
+    case Request::PrettyPrint:
+    case Request::AbbreviateOutput:
+        applySetting(cl, req);
+        return true;
+    case Request::Format:
+        chooseFormat(cl, req);
+        return true;
+    case Request::Complete:
+        complete(cl, req.value);
+        return true;
     default:
         return false;
     }
+}
+
+// Stops this client's running command only: in a shared session one client
+// must not cut short another's work. Its commands still waiting in the queue
+// are not affected.
+void Dispatcher::stop(const Client& cl)
+{
+    engine_.interrupt(cl.id);
+    Running& r = running_;
+    if (r.active && r.kind == Job::Command && r.client == cl.id &&
+        r.deadline == Clock::time_point::max())
+        r.deadline = Clock::now() + stopGrace_;
+}
+
+Dispatcher::Clock::time_point Dispatcher::stopDeadline() const
+{
+    return running_.active && !running_.warned ? running_.deadline : Clock::time_point::max();
+}
+
+void Dispatcher::checkStopped(Clock::time_point now)
+{
+    Running& r = running_;
+    if (!r.active || r.warned || now < r.deadline)
+        return;
+    r.warned = true;
+    if (const Client* cl = session_.find(r.client))
+        host_.send(cl->conn, msgOutputText(cl->id, r.cid, "warning", "text", NotResponding));
 }
 
 void Dispatcher::connectionClosed(int conn)
@@ -211,19 +258,24 @@ void Dispatcher::connectionClosed(int conn)
         removeClient(id);
 }
 
+// A leaving client's commands go with it; start-up files it asked for are
+// the session's and still wait for their turn.
 void Dispatcher::removeClient(long id)
 {
     if (!session_.remove(id))
         return;
     engine_.clientGone(id);
     for (auto q = queue_.begin(); q != queue_.end();) {
-        if (q->client == id) {
+        if (q->job.client == id && q->job.kind == Job::Command) {
             host_.requestTaken(q->conn);
             q = queue_.erase(q);
         } else {
             ++q;
         }
     }
+    waitingInits_.erase(std::remove_if(waitingInits_.begin(), waitingInits_.end(),
+                                       [id](const WaitingInit& w) { return w.client == id; }),
+                        waitingInits_.end());
 }
 
 void Dispatcher::deliver(long client, std::string message)
@@ -232,9 +284,111 @@ void Dispatcher::deliver(long client, std::string message)
         host_.send(cl->conn, std::move(message));
 }
 
+void Dispatcher::names(std::vector<std::string> names)
+{
+    names_ = std::move(names);
+    haveNames_ = true;
+    std::vector<std::pair<long, std::string>> waiting;
+    waiting.swap(waitingCompletions_);
+    for (const auto& w : waiting)
+        if (const Client* cl = session_.find(w.first))
+            complete(*cl, w.second);
+}
+
+void Dispatcher::complete(const Client& cl, const std::string& prefix)
+{
+    // Until the engine has started there is nothing to complete from.
+    if (!haveNames_) {
+        waitingCompletions_.emplace_back(cl.id, prefix);
+        return;
+    }
+    host_.send(cl.conn, msgCompletion(cl.id, completionList(names_, prefix), prefix));
+}
+
+void Dispatcher::init(Client& cl, const Request& req)
+{
+    WaitingInit w{cl.id, {}, {}};
+    const std::vector<std::string>& a = req.args;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (a[i] == "-l" && i + 1 < a.size())
+            w.files.push_back(a[++i] + "/tamkern/init");
+        else if (a[i] == "-l")
+            w.warnings.push_back("-l needs a directory");
+        else
+            w.warnings.push_back("unknown argument: " + a[i]);
+    }
+    Job job = jobFor(cl, Job::Init);
+    for (const std::string& f : w.files)
+        if (!loadedFiles_.count(f) && loadingFiles_.insert(f).second)
+            job.initFiles.push_back(f);
+    if (!job.initFiles.empty())
+        enqueue(cl.conn, std::move(job));
+    waitingInits_.push_back(std::move(w));
+    releaseReadyInits();
+}
+
+// Every waiting client whose start-up files have all been evaluated hears
+// its warnings and is ready, in the order their inits came.
+void Dispatcher::releaseReadyInits()
+{
+    auto loaded = [this](const WaitingInit& w) {
+        return std::all_of(w.files.begin(), w.files.end(),
+                           [this](const std::string& f) { return loadedFiles_.count(f) != 0; });
+    };
+    std::vector<WaitingInit> ready;
+    for (auto it = waitingInits_.begin(); it != waitingInits_.end();) {
+        if (loaded(*it)) {
+            ready.push_back(std::move(*it));
+            it = waitingInits_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    for (const WaitingInit& w : ready) {
+        const Client* cl = session_.find(w.client);
+        if (!cl)
+            continue; // removed by a failed send meanwhile
+        int conn = cl->conn;
+        for (const std::string& warning : w.warnings)
+            host_.send(conn, msgOutputText(w.client, 0, "warning", "text", warning));
+        host_.send(conn, msgEmpty("ready", w.client));
+    }
+}
+
+void Dispatcher::command(Client& cl, Request& req)
+{
+    if (req.hasText && isQuitCommand(req.text)) {
+        quit();
+        return;
+    }
+    Job job = jobFor(cl, Job::Command);
+    job.cid = req.cid;
+    job.history = !req.noHistory;
+    std::string error;
+    if (!req.hasPayload) {
+        job.text = std::move(req.text);
+    } else if (req.payloadFormat != "utf8") {
+        error = "unsupported payload format \"" + req.payloadFormat + "\"";
+    } else if (!decodeMCode(req.payloadBase64, job.text)) {
+        klog("client %ld: command payload does not decode", cl.id);
+        error = "the command's payload does not decode";
+    } else if (isQuitCommand(job.text)) {
+        quit();
+        return;
+    }
+    enqueue(cl.conn, std::move(job), std::move(error));
+}
+
+void Dispatcher::enqueue(int conn, Job job, std::string error)
+{
+    queue_.push_back(Pending{conn, std::move(job), std::move(error)});
+    host_.requestQueued(conn);
+    dispatch();
+}
+
 void Dispatcher::dispatch()
 {
-    while (!busy_ && !queue_.empty() && !quitting_) {
+    while (!running_.active && !queue_.empty() && !quitting_) {
         Pending p = std::move(queue_.front());
         queue_.pop_front();
         host_.requestTaken(p.conn);
@@ -244,37 +398,38 @@ void Dispatcher::dispatch()
 
 void Dispatcher::runQueued(Pending& p)
 {
-    Client* cl = session_.find(p.client);
-    if (!cl)
-        return;
-    Request& req = p.req;
-    switch (req.kind) {
-    case Request::TextWidth:
-    case Request::PrettyPrint:
-    case Request::AbbreviateOutput:
-        applySetting(*cl, req);
-        return;
-    case Request::Format:
-        chooseFormat(*cl, req);
-        return;
-    case Request::Init: {
-        Job job = jobFor(*cl, Job::Init);
-        job.args = std::move(req.args);
-        submit(std::move(job));
+    Job& job = p.job;
+    if (!p.error.empty()) {
+        // The engine is idle, so all it had for this client has gone out
+        // before: the failure can be told now, in order.
+        const Client* cl = session_.find(job.client);
+        if (!cl)
+            return;
+        int conn = cl->conn;
+        host_.send(conn, msgOutputText(job.client, job.cid, "error", "text", p.error));
+        host_.send(conn, msgFinished(job.client, job.cid));
         return;
     }
-    case Request::Complete: {
-        Job job = jobFor(*cl, Job::Complete);
-        job.text = req.value;
-        submit(std::move(job));
+    running_ = Running();
+    running_.active = true;
+    running_.kind = job.kind;
+    running_.client = job.client;
+    running_.cid = job.cid;
+    running_.initFiles = job.initFiles;
+    engine_.submit(std::move(job));
+}
+
+void Dispatcher::jobDone()
+{
+    Running done = std::move(running_);
+    running_ = Running();
+    if (done.kind != Job::Init)
         return;
+    for (const std::string& f : done.initFiles) {
+        loadingFiles_.erase(f);
+        loadedFiles_.insert(f);
     }
-    case Request::Cmd:
-        runCommand(*cl, req);
-        return;
-    default:
-        return;
-    }
+    releaseReadyInits();
 }
 
 void Dispatcher::applySetting(Client& cl, const Request& req)
@@ -297,39 +452,6 @@ void Dispatcher::chooseFormat(Client& cl, const Request& req)
              req.type.c_str());
     std::string current = req.type == "result" ? cl.style.format : std::string("text");
     host_.send(cl.conn, msgFormats("format", cl.id, req.type, {current}));
-}
-
-void Dispatcher::runCommand(Client& cl, Request& req)
-{
-    Job job = jobFor(cl, Job::Command);
-    job.cid = req.cid;
-    std::string error;
-    if (!req.hasPayload) {
-        job.text = std::move(req.text);
-    } else if (req.payloadFormat != "utf8") {
-        error = "unsupported payload format \"" + req.payloadFormat + "\"";
-    } else if (!decodeMCode(req.payloadBase64, job.text)) {
-        klog("client %ld: command payload does not decode", cl.id);
-        error = "the command's payload does not decode";
-    } else if (isQuitCommand(job.text)) {
-        quit();
-        return;
-    }
-    if (error.empty()) {
-        submit(std::move(job));
-        return;
-    }
-    // The engine is idle, so all it had for this client has gone out before:
-    // the failure can be told at once, in order.
-    int conn = cl.conn;
-    host_.send(conn, msgOutputText(job.client, job.cid, "error", "text", error));
-    host_.send(conn, msgFinished(job.client, job.cid));
-}
-
-void Dispatcher::submit(Job job)
-{
-    busy_ = true;
-    engine_.submit(std::move(job));
 }
 
 void Dispatcher::quit()

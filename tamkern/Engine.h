@@ -16,19 +16,23 @@ struct ResultStyle {
     bool prettyPrint = false;    // matrices one row per line
     bool abbreviate = false;     // shorten very long results
     std::string format = "text"; // one of ResultFormats
+    bool plots = false;          // graphics as plot files (the client can_plot)
 };
 
 // The result formats an engine produces.
 inline constexpr const char* ResultFormats[] = {"text", "tex", "mathml", "utf8"};
 
-// One piece of work.
+// One piece of work: a command of a client, or the start-up files that a
+// client's init named and that the session has not evaluated yet (their
+// failures are that client's warnings).
 struct Job {
-    enum Kind { Init, Command, Complete };
+    enum Kind { Init, Command };
     Kind kind = Command;
     long client = -1;
     long long cid = 0;
-    std::string text;              // command text, or the completion prefix
-    std::vector<std::string> args; // init arguments
+    std::string text;                   // command text
+    std::vector<std::string> initFiles; // start-up files, in order
+    bool history = true;                // keep the command and its result
     ResultStyle style;
 };
 
@@ -40,14 +44,21 @@ struct Answer {
     long long value = 0;   // system result
 };
 
-// What the engine reports to the server. Either call may come from any
-// thread.
+// What the engine reports to the server. Every call may come from any
+// thread; calls keep their order.
 class EngineHost {
 public:
     virtual ~EngineHost() = default;
-    // Queues one message for a client; messages keep their order.
+    // Queues one message for a client.
     virtual void post(long client, std::string message) = 0;
-    // The job submitted last has ended; all its messages have been posted.
+    // The names that completion offers (functions and variables) have
+    // changed: all of them, sorted. Posted after start() and whenever a job
+    // changed them, before that job's last message.
+    virtual void names(std::vector<std::string> names) = 0;
+    // The job submitted last has ended and the engine takes the next. All
+    // its messages have been posted but for a command's last (finished),
+    // which comes right after this call: a request its client sends on
+    // seeing that message finds the engine free.
     virtual void jobDone() = 0;
 };
 
@@ -63,12 +74,13 @@ public:
     // Hands over the next job. The server submits one only after jobDone()
     // for the one before.
     virtual void submit(Job job) = 0;
-    // Stops the client's running job, or its command submitted but not yet
-    // begun: it ends as interrupted, and a question it has asked is given
-    // up. Nothing happens if the client has neither.
+    // Stops the client's running command, or its command submitted but not
+    // yet begun: it ends as interrupted, and a question it has asked is given
+    // up. Nothing happens if the client has neither. Start-up files are the
+    // session's and are not stopped.
     virtual void interrupt(long client) = 0;
-    // The client has left: its job is interrupted, or dropped if not yet
-    // begun. Messages still posted for it are the server's to drop.
+    // The client has left: its command is interrupted, or dropped if not
+    // yet begun. Messages still posted for it are the server's to drop.
     virtual void clientGone(long client) = 0;
     // The client's answer to the question its job has asked. Ignored unless
     // that job is waiting for an answer of this kind.

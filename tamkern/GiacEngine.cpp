@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
 
 #include "tamkern/GiacSession.h"
 
@@ -24,7 +25,8 @@ private:
     long client_;
 };
 
-GiacEngine::GiacEngine(EngineHost& host, OutputCapture* capture) : host_(host), capture_(capture)
+GiacEngine::GiacEngine(EngineHost& host, OutputCapture* capture, std::string plotDir)
+    : host_(host), capture_(capture), plotDir_(std::move(plotDir))
 {
 }
 
@@ -35,7 +37,24 @@ GiacEngine::~GiacEngine()
 
 void GiacEngine::start()
 {
-    thread_ = std::thread(&GiacEngine::run, this);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, WorkerStack);
+    int rc = pthread_create(&thread_, &attr, &GiacEngine::threadMain, this);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        // A smaller stack only makes deep recursion fail sooner.
+        rc = pthread_create(&thread_, nullptr, &GiacEngine::threadMain, this);
+    }
+    if (rc != 0)
+        throw std::runtime_error("cannot start the evaluation thread");
+    started_ = true;
+}
+
+void* GiacEngine::threadMain(void* self)
+{
+    static_cast<GiacEngine*>(self)->run();
+    return nullptr;
 }
 
 void GiacEngine::submit(Job job)
@@ -55,7 +74,7 @@ void GiacEngine::raiseInterruptLocked()
 void GiacEngine::interrupt(long client)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (running_ && runningClient_ == client) {
+    if (running_ && runningClient_ == client && runningKind_ == Job::Command) {
         raiseInterruptLocked();
         return;
     }
@@ -88,7 +107,7 @@ void GiacEngine::answer(long client, Question kind, Answer a)
 
 bool GiacEngine::shutdown(int timeoutMs)
 {
-    if (!thread_.joinable())
+    if (!started_)
         return true;
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -100,7 +119,8 @@ bool GiacEngine::shutdown(int timeoutMs)
                             [this] { return finished_; }))
             return false;
     }
-    thread_.join();
+    pthread_join(thread_, nullptr);
+    started_ = false;
     return true;
 }
 
@@ -108,16 +128,22 @@ bool GiacEngine::shutdown(int timeoutMs)
 void GiacEngine::run()
 {
     {
-        GiacSession session(capture_);
+        GiacSession session(capture_, plotDir_,
+                            [this](std::vector<std::string> n) { host_.names(std::move(n)); });
         Queued next;
         bool gone = false;
         while (take(next, gone)) {
+            std::string last;
             if (!gone) {
                 Channel channel(*this, next.job.client);
-                session.run(next.job, channel);
+                last = session.run(next.job, channel);
             }
+            // Free before the client hears that its command has finished:
+            // a stop it sends then is for its next command.
             endJob();
             host_.jobDone();
+            if (!last.empty())
+                host_.post(next.job.client, std::move(last));
         }
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -137,9 +163,12 @@ bool GiacEngine::take(Queued& next, bool& clientGone)
     jobs_.erase(jobs_.begin());
     running_ = true;
     runningClient_ = next.job.client;
+    runningKind_ = next.job.kind;
     interruptRequested_ = next.stopped;
     GiacSession::setInterrupt(next.stopped);
-    clientGone = std::find(gone_.begin(), gone_.end(), runningClient_) != gone_.end();
+    // Start-up files are the session's: they run whoever asked for them.
+    clientGone = next.job.kind == Job::Command &&
+                 std::find(gone_.begin(), gone_.end(), runningClient_) != gone_.end();
     return true;
 }
 

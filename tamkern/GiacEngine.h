@@ -5,9 +5,10 @@
 #define TAMKERN_GIACENGINE_H
 
 #include <condition_variable>
+#include <cstddef>
 #include <mutex>
+#include <pthread.h>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tamkern/Engine.h"
@@ -22,8 +23,9 @@ class OutputCapture;
 class GiacEngine final : public Engine {
 public:
     // Reports to host; what a command writes to descriptors 1 and 2 is
-    // collected through capture (none if null).
-    GiacEngine(EngineHost& host, OutputCapture* capture);
+    // collected through capture (none if null); plot files go to plotDir
+    // (none if empty: graphics stay text).
+    GiacEngine(EngineHost& host, OutputCapture* capture, std::string plotDir);
     // Shuts down as shutdown(2000) does.
     ~GiacEngine() override;
     GiacEngine(const GiacEngine&) = delete;
@@ -36,6 +38,12 @@ public:
     void answer(long client, Question kind, Answer answer) override;
     bool shutdown(int timeoutMs) override;
 
+    // The worker's stack: the session's recursion limit stops user
+    // functions far from its end (some tens of KiB a level at most, more in
+    // a sanitizer build). Address space only; pages are used as deep as a
+    // computation goes.
+    static const std::size_t WorkerStack = std::size_t(256) << 20;
+
 private:
     class Channel;
     struct Queued {
@@ -43,6 +51,7 @@ private:
         bool stopped = false; // stop arrived before the worker took it
     };
 
+    static void* threadMain(void* self);
     void run();
     bool take(Queued& next, bool& clientGone);
     void endJob();
@@ -52,7 +61,9 @@ private:
 
     EngineHost& host_;
     OutputCapture* capture_;
-    std::thread thread_;
+    std::string plotDir_;
+    pthread_t thread_{};
+    bool started_ = false;
 
     std::mutex mutex_;
     std::condition_variable cond_;
@@ -62,6 +73,7 @@ private:
     bool finished_ = false;
     // The running job and its question.
     long runningClient_ = -1;
+    Job::Kind runningKind_ = Job::Command;
     bool running_ = false;
     bool interruptRequested_ = false;
     bool asking_ = false;

@@ -22,7 +22,7 @@ giac::gen tamInput(const giac::gen& args, const giac::context* ctx)
                      msgSendInput(s.job().client, s.job().cid, false, giacText(args, ctx)));
     if (a.canceled)
         throw Failure("input canceled");
-    return s.parseAnswer(a.text, "input");
+    return s.evalAnswer(a.text, "input");
 }
 
 giac::gen tamTextInput(const giac::gen& args, const giac::context* ctx)
@@ -49,7 +49,7 @@ giac::gen tamCallback(const giac::gen& args, const giac::context* ctx)
                      msgCallback(s.job().client, s.job().cid, "utf8", trimmed(args.print(ctx))));
     if (a.canceled)
         throw Failure("callback failed");
-    return s.parseAnswer(a.text, "callback result");
+    return s.evalAnswer(a.text, "callback result");
 }
 
 // Kept so that the registrations stay reachable; a container would be

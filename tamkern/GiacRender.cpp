@@ -1,10 +1,13 @@
-// Giac values as text for the clients: the plain text of a value, and a
-// command's result in the format and layout its client chose.
+// Giac values for the clients: the plain text of a value, a command's result
+// in the format and layout its client chose, and graphics as SVG.
 #include <giac/config.h>
 #include <giac/giac.h>
 
+#include <cmath>
+
 #include "tamkern/GiacSession.h"
 #include "tamkern/Messages.h"
+#include "tamkern/Svg.h"
 #include "tamkern/TextLayout.h"
 
 namespace tamkern {
@@ -69,6 +72,63 @@ std::string giacText(const giac::gen& g, const giac::context* ctx)
     if (g.type == giac::_VECT && g._VECTptr->empty())
         return std::string();
     return g.print(ctx);
+}
+
+bool isPlot(const giac::gen& r)
+{
+    return giac::graph_output_type(r) == 2;
+}
+
+namespace {
+
+// The part of the plane that the drawing shows, as Giac's own graphics
+// windows choose it: around everything drawn, unless the plot names its
+// window (gl_x=..., gl_y=...).
+struct Window {
+    double xmin = -1, xmax = 1, ymin = -1, ymax = 1;
+    bool ortho = false;
+};
+
+Window windowOf(const giac::gen& r, const giac::context* ctx)
+{
+    Window w;
+    std::vector<double> vx, vy, vz;
+    w.ortho = giac::autoscaleg(r, vx, vy, vz, ctx);
+    giac::autoscaleminmax(vx, w.xmin, w.xmax, false);
+    giac::autoscaleminmax(vy, w.ymin, w.ymax, false);
+    double zmin = 0, zmax = 0;
+    giac::overwrite_viewbox(r, w.xmin, w.xmax, w.ymin, w.ymax, zmin, zmax);
+    // A single point or a flat line has no extent of its own.
+    auto widen = [](double& lo, double& hi) {
+        if (!std::isfinite(lo) || !std::isfinite(hi) || !(hi > lo)) {
+            double mid = std::isfinite(lo) ? lo : 0;
+            lo = mid - 1;
+            hi = mid + 1;
+        }
+    };
+    widen(w.xmin, w.xmax);
+    widen(w.ymin, w.ymax);
+    return w;
+}
+
+} // namespace
+
+std::string plotSvg(const giac::gen& r, const giac::context* ctx)
+{
+    Window w = windowOf(r, ctx);
+    giac::plot_attr labels;
+    giac::title_legende(r, labels);
+    // Preamble (with the grid), the drawing, the axes' labels (which also
+    // close the preamble's group) and the end.
+    std::string svg =
+        giac::svg_preamble_pixel(r, 16, 10, w.xmin, w.xmax, w.ymin, w.ymax, w.ortho, false, 0);
+    svg += giac::gen2svg(r, w.xmin, w.xmax, w.ymin, w.ymax, 1.0, ctx, false);
+    svg += giac::svg_grid(w.xmin, w.xmax, w.ymin, w.ymax, labels, 0);
+    svg += giac::svg_end;
+    svg = repairSvg(svg);
+    if (!isWellFormedXml(svg))
+        throw Failure("Giac's drawing is not well-formed SVG");
+    return svg;
 }
 
 std::string resultMessage(const giac::gen& r, const Job& job, const giac::context* ctx)

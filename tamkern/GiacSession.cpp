@@ -4,16 +4,22 @@
 #include <giac/giac.h>
 #include <giac/input_lexer.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tamkern/Capture.h"
 #include "tamkern/Messages.h"
+#include "tamkern/Paths.h"
 #include "tamkern/TextLayout.h"
 
 namespace tamkern {
@@ -80,6 +86,49 @@ bool isName(const char* s)
     return !std::isdigit(static_cast<unsigned char>(*s));
 }
 
+std::vector<std::string> builtinNames()
+{
+    std::vector<std::string> names;
+    for (auto p = giac::builtin_lexer_functions_begin(); p != giac::builtin_lexer_functions_end();
+         ++p)
+        if (isName(p->first))
+            names.push_back(p->first);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+// Whole or not at all: a front end that opens the file as soon as it hears
+// of it never reads half of it.
+void writePlotFile(const std::string& path, const std::string& svg)
+{
+    std::size_t slash = path.rfind('/');
+    if (!makeDirs(path.substr(0, slash)))
+        throw Failure(path.substr(0, slash) + ": " + std::strerror(errno));
+    std::string part = path + ".part";
+    int fd = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw Failure(part + ": " + std::strerror(errno));
+    std::size_t done = 0;
+    while (done < svg.size()) {
+        ssize_t n = ::write(fd, svg.data() + done, svg.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<std::size_t>(n);
+    }
+    int err = done == svg.size() ? 0 : errno;
+    if (::close(fd) != 0 && err == 0)
+        err = errno;
+    if (err == 0 && ::rename(part.c_str(), path.c_str()) != 0)
+        err = errno;
+    if (err != 0) {
+        ::unlink(part.c_str());
+        throw Failure(path + ": " + std::strerror(err));
+    }
+}
+
 } // namespace
 
 LineBuf::Sink LineBuf::setSink(Sink sink)
@@ -91,10 +140,16 @@ LineBuf::Sink LineBuf::setSink(Sink sink)
 
 void LineBuf::flushLine()
 {
-    if (line_.empty())
-        return;
+    if (!line_.empty())
+        emit();
+}
+
+void LineBuf::emit()
+{
     std::string l;
     l.swap(line_);
+    if (guard_)
+        guard_(l);
     if (sink_)
         sink_(l);
 }
@@ -104,10 +159,7 @@ LineBuf::int_type LineBuf::overflow(int_type c)
     if (c == traits_type::eof())
         return traits_type::not_eof(c);
     if (c == '\n') {
-        std::string l;
-        l.swap(line_);
-        if (sink_)
-            sink_(l);
+        emit();
     } else if (line_.size() < 1u << 20) {
         line_ += static_cast<char>(c);
     }
@@ -126,16 +178,33 @@ struct GiacSession::Outcome {
     bool ok = false;
     bool nothing = false; // no value to show
     bool help = false;
+    bool parsed = false;
+    giac::gen command; // as parsed
     giac::gen value;
     std::string error;
 };
 
-GiacSession::GiacSession(OutputCapture* capture) : capture_(capture)
+GiacSession::GiacSession(OutputCapture* capture, std::string plotDir, NamesSink names)
+    : capture_(capture), namesSink_(std::move(names))
 {
+    plots_.dir = std::move(plotDir);
     registerFrontEndFunctions();
+    giac::MAX_RECURSION_LEVEL = MaxRecursion;
     ctx_ = new giac::context;
     giac::logptr(&logStream_, ctx_);
+    // Giac announces its non-recursive evaluator on the log, which then
+    // runs away in this build (even a recursion that ends never returns):
+    // the command fails there instead. The exception leaves through the
+    // stream.
+    logStream_.exceptions(std::ios::badbit);
+    logBuf_.setGuard([](const std::string& line) {
+        if (line.rfind("Running non recursive evaluator", 0) == 0)
+            throw Failure("recursion too deep (more than " + std::to_string(MaxRecursion) +
+                          " levels)");
+    });
+    builtinNames_ = builtinNames();
     gCurrent = this;
+    publishNames();
 }
 
 GiacSession::~GiacSession()
@@ -156,23 +225,31 @@ GiacSession& GiacSession::current()
     return *gCurrent;
 }
 
-void GiacSession::run(const Job& job, JobChannel& channel)
+std::string GiacSession::run(const Job& job, JobChannel& channel)
 {
     job_ = &job;
     channel_ = &channel;
-    switch (job.kind) {
-    case Job::Init:
+    std::string last;
+    if (job.kind == Job::Init)
         runInit(job);
-        break;
-    case Job::Command:
-        runCommand(job);
-        break;
-    case Job::Complete:
-        runComplete(job);
-        break;
-    }
+    else
+        last = runCommand(job);
+    resetAfterJob();
     job_ = nullptr;
     channel_ = nullptr;
+    return last;
+}
+
+// A command that failed halfway (the recursion limit above all) leaves
+// Giac's stacks of calls filled and the log stream failed.
+void GiacSession::resetAfterJob()
+{
+    giac::debug_struct* d = giac::debug_ptr(ctx_);
+    d->sst_at_stack.clear();
+    d->args_stack.clear();
+    d->current_instruction_stack.clear();
+    d->sst_at.clear();
+    logStream_.clear();
 }
 
 Answer GiacSession::ask(Question kind, std::string message)
@@ -199,7 +276,7 @@ std::string GiacSession::takeCaptured()
     return capture_ ? capture_->take() : std::string();
 }
 
-giac::gen GiacSession::parseAnswer(const std::string& text, const char* what)
+giac::gen GiacSession::evalAnswer(const std::string& text, const char* what)
 {
     // Parser remarks about an answer are noise.
     LineBuf::Sink previous = logBuf_.setSink(nullptr);
@@ -215,7 +292,7 @@ giac::gen GiacSession::parseAnswer(const std::string& text, const char* what)
     logBuf_.setSink(std::move(previous));
     if (bad)
         throw Failure(std::string(what) + " is not a valid expression");
-    return g;
+    return g.eval(giac::eval_level(ctx_), ctx_);
 }
 
 // silent: only failures are reported, through the outcome (start-up file).
@@ -229,11 +306,16 @@ GiacSession::Outcome GiacSession::evaluate(const std::string& text, bool silent)
     std::string left = takeCaptured();
     if (!left.empty())
         klog("output between commands: %.200s", trimmed(left).c_str());
-    giac::gen g;
-    if (!parse(text, silent, g, out.error))
+    // A command stopped before it began is not even parsed; Giac's parser
+    // fails on the interrupt flag with a message of its own.
+    if (channel_->interrupted() || !parse(text, silent, out.command, out.error)) {
+        if (channel_->interrupted())
+            out.error = "interrupted";
         return out;
-    out.help = isHelpCall(g);
-    evalParsed(g, silent || out.help, out);
+    }
+    out.parsed = true;
+    out.help = isHelpCall(out.command);
+    evalParsed(out.command, silent || out.help, out);
     return out;
 }
 
@@ -276,7 +358,11 @@ void GiacSession::evalParsed(const giac::gen& g, bool quiet, Outcome& out)
     if (quiet)
         logBuf_.setSink(nullptr);
     else
-        logBuf_.setSink([this](const std::string& l) { output("print", l); });
+        // Once stopped, what Giac prints is its own remarks about stopping.
+        logBuf_.setSink([this](const std::string& l) {
+            if (!channel_->interrupted())
+                output("print", l);
+        });
     std::string failure;
     out.ok = evalCatching(g, out.value, failure);
     logBuf_.setSink(nullptr);
@@ -317,7 +403,7 @@ bool GiacSession::evalCatching(const giac::gen& g, giac::gen& value, std::string
     return false;
 }
 
-void GiacSession::runCommand(const Job& j)
+std::string GiacSession::runCommand(const Job& j)
 {
     Outcome o = evaluate(j.text, false);
     if (!o.error.empty() || !o.ok)
@@ -325,29 +411,69 @@ void GiacSession::runCommand(const Job& j)
     else if (o.help)
         post(msgValue("help", j.client, giacText(o.value, ctx_)));
     else if (!o.nothing)
-        post(resultMessage(o.value, j, ctx_));
-    post(msgFinished(j.client, j.cid));
+        postResult(o.value, j);
+    if (j.history && o.parsed && !o.help)
+        remember(o.command, o);
+    publishNames();
+    return msgFinished(j.client, j.cid);
+}
+
+// Giac's history functions (ans, quest) read the context's lists of
+// commands and results; a failed command keeps its error as its result.
+void GiacSession::remember(const giac::gen& command, const Outcome& out)
+{
+    giac::vecteur& in = giac::history_in(ctx_);
+    giac::vecteur& results = giac::history_out(ctx_);
+    giac::gen result = out.value;
+    if (!out.ok) {
+        result = giac::string2gen(out.error, false);
+        result.subtype = -1;
+    }
+    in.push_back(command);
+    results.push_back(result);
+    if (in.size() > MaxHistory) {
+        std::size_t drop = in.size() - MaxHistory;
+        in.erase(in.begin(), in.begin() + drop);
+        results.erase(results.begin(), results.begin() + std::min(drop, results.size()));
+    }
+}
+
+// A graphic for a client that shows plot files goes to a file; its result
+// only says so. Anything else, or a graphic that cannot be drawn, is text.
+void GiacSession::postResult(const giac::gen& r, const Job& j)
+{
+    if (!j.style.plots || plots_.dir.empty() || !isPlot(r)) {
+        post(resultMessage(r, j, ctx_));
+        return;
+    }
+    std::string name = "plot-" + std::to_string(plots_.next) + ".svg";
+    std::string path = plots_.dir + "/" + name;
+    try {
+        writePlotFile(path, plotSvg(r, ctx_));
+    } catch (const std::exception& ex) {
+        output("warning", std::string("no plot file: ") + ex.what());
+        post(resultMessage(r, j, ctx_));
+        return;
+    }
+    ++plots_.next;
+    post(msgPlotFile(j.client, j.cid, path));
+    post(msgOutputText(j.client, j.cid, "result", "text", "2-D plot: " + name));
 }
 
 void GiacSession::runInit(const Job& j)
 {
-    for (std::size_t i = 0; i < j.args.size(); ++i) {
-        const std::string& a = j.args[i];
-        if (a == "-l" && i + 1 < j.args.size())
-            loadInit(j.args[++i]);
-        else if (a == "-l")
-            output("warning", "-l needs a directory");
-        else
-            output("warning", "unknown argument: " + a);
+    for (const std::string& path : j.initFiles) {
+        loadInit(path);
+        if (channel_->interrupted())
+            break;
     }
-    post(msgEmpty("ready", j.client));
+    publishNames();
 }
 
-// Evaluates DIR/tamkern/init silently, once a session; a failing line is a
+// Evaluates a start-up file silently, once a session; a failing line is a
 // warning.
-void GiacSession::loadInit(const std::string& dir)
+void GiacSession::loadInit(const std::string& path)
 {
-    std::string path = dir + "/tamkern/init";
     struct stat st;
     if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
         return;
@@ -365,35 +491,34 @@ void GiacSession::loadInit(const std::string& dir)
         if (!o.ok || !o.error.empty())
             output("warning", path + ":" + std::to_string(lineNo) + ": " +
                                   (o.error.empty() ? std::string("failed") : o.error));
+        resetAfterJob();
         if (channel_->interrupted())
             break;
     }
 }
 
-// The names of functions and variables that start with the prefix, sorted.
-void GiacSession::runComplete(const Job& j)
+// Completion offers the builtin functions, collected once, and the names
+// the session has defined; the list goes out when the latter change.
+void GiacSession::publishNames()
 {
-    const std::string& pref = j.text;
-    std::set<std::string> names;
-    auto consider = [&](const char* n) {
-        if (isName(n) && std::strncmp(n, pref.c_str(), pref.size()) == 0)
-            names.insert(n);
-    };
-    for (auto p = giac::builtin_lexer_functions_begin(); p != giac::builtin_lexer_functions_end();
-         ++p)
-        consider(p->first);
+    std::set<std::string> defined;
     for (const auto& kv : giac::lexer_functions())
-        consider(kv.first);
+        if (isName(kv.first))
+            defined.insert(kv.first);
     if (ctx_->tabptr)
         for (const auto& kv : *ctx_->tabptr)
-            consider(kv.first);
-    std::string list;
-    for (const std::string& n : names) {
-        if (!list.empty())
-            list += ' ';
-        list += n;
-    }
-    post(msgCompletion(j.client, list, pref));
+            if (isName(kv.first))
+                defined.insert(kv.first);
+    if (publishedOnce_ && defined == definedNames_)
+        return;
+    publishedOnce_ = true;
+    definedNames_ = defined;
+    std::vector<std::string> names;
+    names.reserve(builtinNames_.size() + defined.size());
+    std::merge(builtinNames_.begin(), builtinNames_.end(), defined.begin(), defined.end(),
+               std::back_inserter(names));
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    namesSink_(std::move(names));
 }
 
 } // namespace tamkern

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 #include "tamkern/Engine.h"
 
@@ -44,13 +45,16 @@ public:
 };
 
 // Giac writes print() output and its parser's diagnostics to the context's
-// log stream. This buffer hands complete lines to a sink as they come.
+// log stream. This buffer hands complete lines to a sink as they come, after
+// showing each to a guard, which may throw to end the evaluation that wrote
+// it (the stream must then let exceptions through: badbit).
 class LineBuf : public std::streambuf {
 public:
     using Sink = std::function<void(const std::string&)>;
     // Installs a sink and returns the previous one; a partial line goes to
     // the previous sink first.
     Sink setSink(Sink sink);
+    void setGuard(Sink guard) { guard_ = std::move(guard); }
     // Hands a partial line to the sink as a line of its own.
     void flushLine();
 
@@ -59,24 +63,38 @@ protected:
     std::streamsize xsputn(const char* s, std::streamsize n) override;
 
 private:
+    void emit();
+
     std::string line_;
     Sink sink_;
+    Sink guard_;
 };
 
-// The one Giac context that all clients share. Made, used and destroyed on
-// the worker thread, and never more than one at a time.
+// Where the session writes plot files: the directory (made when the first
+// plot is written) and the number of the next file.
+struct PlotFiles {
+    std::string dir; // empty: no plot files, graphics stay text
+    unsigned next = 1;
+};
+
+// The one Giac context that all clients share, with its history of commands
+// and results. Made, used and destroyed on the worker thread, and never more
+// than one at a time.
 class GiacSession {
 public:
+    using NamesSink = std::function<void(std::vector<std::string>)>;
+
     // What commands write to descriptors 1 and 2 is taken from capture
-    // (none if null).
-    explicit GiacSession(OutputCapture* capture);
+    // (none if null); plots go to plotDir; the names that completion offers
+    // go to names, now and whenever a job changes them.
+    GiacSession(OutputCapture* capture, std::string plotDir, NamesSink names);
     ~GiacSession();
     GiacSession(const GiacSession&) = delete;
     GiacSession& operator=(const GiacSession&) = delete;
 
-    // Runs one job; all its messages, the last one included, go through
-    // channel.
-    void run(const Job& job, JobChannel& channel);
+    // Runs one job; its messages go through channel, but for the last one
+    // (a command's finished), which is returned, or empty if there is none.
+    std::string run(const Job& job, JobChannel& channel);
 
     // Sets or clears Giac's interrupt flags. Safe from any thread.
     static void setInterrupt(bool on);
@@ -87,21 +105,32 @@ public:
     const Job& job() const { return *job_; }
     // Asks the job's client, as JobChannel::ask() does.
     Answer ask(Question kind, std::string message);
-    // An answer read as a Giac expression; throws Failure("<what> is not a
-    // valid expression") if it is none.
-    giac::gen parseAnswer(const std::string& text, const char* what);
+    // An answer read as a Giac expression and evaluated, as if typed in its
+    // place; throws Failure("<what> is not a valid expression") if it is
+    // none.
+    giac::gen evalAnswer(const std::string& text, const char* what);
+
+    // User functions may call each other this deep: deeper, Giac would
+    // switch to an evaluator that does not end (and, deeper still, overflow
+    // the stack), so the command fails instead.
+    static const int MaxRecursion = 5000;
+    // Commands and results the history keeps; older ones are dropped.
+    static const std::size_t MaxHistory = 1000;
 
 private:
     struct Outcome;
 
-    void runCommand(const Job& j);
+    std::string runCommand(const Job& j);
     void runInit(const Job& j);
-    void loadInit(const std::string& dir);
-    void runComplete(const Job& j);
+    void loadInit(const std::string& path);
     Outcome evaluate(const std::string& text, bool silent);
     bool parse(const std::string& text, bool silent, giac::gen& g, std::string& error);
     void evalParsed(const giac::gen& g, bool quiet, Outcome& out);
     bool evalCatching(const giac::gen& g, giac::gen& value, std::string& failure);
+    void remember(const giac::gen& command, const Outcome& out);
+    void postResult(const giac::gen& r, const Job& j);
+    void publishNames();
+    void resetAfterJob();
     void post(std::string message);
     void output(const char* type, const std::string& text);
     std::string takeCaptured();
@@ -113,6 +142,11 @@ private:
     const Job* job_ = nullptr;
     JobChannel* channel_ = nullptr;
     std::set<std::string> loadedInits_;
+    PlotFiles plots_;
+    NamesSink namesSink_;
+    std::vector<std::string> builtinNames_; // sorted
+    std::set<std::string> definedNames_;    // as last published
+    bool publishedOnce_ = false;
 };
 
 // GiacFunctions.cpp: the functions that ask the front end.
@@ -121,11 +155,16 @@ void registerFrontEndFunctions();
 // help(name) and ?name, whose value goes to the front end's help handler.
 bool isHelpCall(const giac::gen& g);
 
-// GiacRender.cpp: values as text.
+// GiacRender.cpp: values as text and graphics as plot files.
 // A string's contents, nothing for an empty sequence, else the printed form.
 std::string giacText(const giac::gen& g, const giac::context* ctx);
 // The result message of a command, in the format its client chose.
 std::string resultMessage(const giac::gen& r, const Job& job, const giac::context* ctx);
+// A 2-D graphic: Giac can draw it as SVG.
+bool isPlot(const giac::gen& r);
+// The plot as an SVG document, well-formed XML; throws Failure if Giac's
+// drawing cannot be made one.
+std::string plotSvg(const giac::gen& r, const giac::context* ctx);
 
 } // namespace tamkern
 

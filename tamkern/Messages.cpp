@@ -291,6 +291,11 @@ std::string msgSendInput(long cl, long long cid, bool textInput, std::string_vie
         .finish();
 }
 
+std::string msgPlotFile(long cl, long long cid, std::string_view name)
+{
+    return Message("plotfile", cl).attr("cid", cid).attr("name", name).finish();
+}
+
 std::string msgCallback(long cl, long long cid, std::string_view format, std::string_view bytes)
 {
     return Message("callback", cl).attr("cid", cid).mcode(format, bytes).finish();

@@ -61,6 +61,7 @@ std::string msgCompletion(long cl, std::string_view list, std::string_view pref)
 std::string msgFormats(const char* name, long cl, std::string_view type,
                        const std::vector<std::string>& formats);
 std::string msgSendInput(long cl, long long cid, bool textInput, std::string_view prompt);
+std::string msgPlotFile(long cl, long long cid, std::string_view name);
 std::string msgCallback(long cl, long long cid, std::string_view format, std::string_view bytes);
 std::string msgQuit();
 

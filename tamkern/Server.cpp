@@ -1,6 +1,8 @@
 #include "tamkern/Server.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -92,7 +94,7 @@ void Server::serve()
             return;
         }
         pollSet(fds, ids);
-        int r = ::poll(fds.data(), fds.size(), listener_.pollTimeoutMs());
+        int r = ::poll(fds.data(), fds.size(), pollTimeoutMs());
         listener_.resume();
         if (r < 0 && errno == EINTR)
             continue;
@@ -105,22 +107,37 @@ void Server::serve()
         handleEvents();
         if (fds[1].revents)
             acceptAll();
+        listener_.keepListening();
         serveConnections(fds, ids);
         reapClosed();
         dispatcher_.dispatch();
+        dispatcher_.checkStopped(Dispatcher::Clock::now());
         if (shouldEnd())
             return;
     }
 }
 
-// The wake-up pipe, the listening socket, then the connections in the order
-// of ids.
+// Until the listener must look again, or a stopped command's time is up.
+int Server::pollTimeoutMs() const
+{
+    int ms = listener_.pollTimeoutMs();
+    Dispatcher::Clock::time_point deadline = dispatcher_.stopDeadline();
+    if (deadline == Dispatcher::Clock::time_point::max())
+        return ms;
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Dispatcher::Clock::now());
+    int untilDeadline = static_cast<int>(std::max<long long>(0, left.count()));
+    return ms < 0 ? untilDeadline : std::min(ms, untilDeadline);
+}
+
+// The wake-up pipe, the listening socket, the watch on its directory, then
+// the connections in the order of ids.
 void Server::pollSet(std::vector<pollfd>& fds, std::vector<int>& ids) const
 {
     fds.clear();
     ids.clear();
     fds.push_back(pollfd{gWakeRead, POLLIN, 0});
     fds.push_back(pollfd{listener_.pollFd(), POLLIN, 0});
+    fds.push_back(pollfd{listener_.watchFd(), POLLIN, 0});
     for (const auto& kv : conns_) {
         fds.push_back(pollfd{kv.second.fd(), kv.second.pollEvents(), 0});
         ids.push_back(kv.first);
@@ -144,7 +161,7 @@ void Server::serveConnections(const std::vector<pollfd>& fds, const std::vector<
         auto it = conns_.find(ids[i]);
         if (it == conns_.end() || it->second.closed())
             continue;
-        short re = fds[i + 2].revents;
+        short re = fds[i + 3].revents;
         if (re & POLLOUT)
             it->second.flush();
         if (re & (POLLIN | POLLHUP | POLLERR))
@@ -172,22 +189,28 @@ bool Server::shouldEnd() const
     return everConnected_ && conns_.empty();
 }
 
-void Server::post(long client, std::string message)
+void Server::pushEvent(Event ev)
 {
     {
         std::lock_guard<std::mutex> lock(eventMutex_);
-        events_.push_back(Event{false, client, std::move(message)});
+        events_.push_back(std::move(ev));
     }
     wake();
 }
 
+void Server::post(long client, std::string message)
+{
+    pushEvent(Event{Event::Message, client, std::move(message), {}});
+}
+
+void Server::names(std::vector<std::string> names)
+{
+    pushEvent(Event{Event::Names, -1, std::string(), std::move(names)});
+}
+
 void Server::jobDone()
 {
-    {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        events_.push_back(Event{true, -1, std::string()});
-    }
-    wake();
+    pushEvent(Event{Event::Done, -1, std::string(), {}});
 }
 
 void Server::handleEvents()
@@ -198,10 +221,17 @@ void Server::handleEvents()
         events.swap(events_);
     }
     for (Event& ev : events) {
-        if (ev.done)
-            dispatcher_.jobDone();
-        else
+        switch (ev.kind) {
+        case Event::Message:
             dispatcher_.deliver(ev.client, std::move(ev.message));
+            break;
+        case Event::Names:
+            dispatcher_.names(std::move(ev.names));
+            break;
+        case Event::Done:
+            dispatcher_.jobDone();
+            break;
+        }
     }
 }
 

@@ -49,19 +49,23 @@ public:
 
 private:
     struct Event {
-        bool done;
+        enum Kind { Message, Names, Done } kind;
         long client;
         std::string message;
+        std::vector<std::string> names;
     };
 
     void post(long client, std::string message) override;
+    void names(std::vector<std::string> names) override;
     void jobDone() override;
+    void pushEvent(Event ev);
     void send(int conn, std::string bytes) override;
     void sendLastToAll(std::string bytes) override;
     void requestQueued(int conn) override;
     void requestTaken(int conn) override;
 
     void serve();
+    int pollTimeoutMs() const;
     void pollSet(std::vector<pollfd>& fds, std::vector<int>& ids) const;
     void acceptAll();
     void serveConnections(const std::vector<pollfd>& fds, const std::vector<int>& ids);

@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include <expat.h>
+
 #include "common/Wait.h"
 #include "tamix/tamix.h"
 
@@ -130,6 +132,24 @@ void watch(K k, Client* c)
     TAM_set_on_input_completion_handler(
         k, [](K k, S l, S p) { rec(k, std::string("completion ") + p + ": " + l); });
     TAM_set_on_quit_handler(k, [](K k) { rec(k, "quit"); });
+    TAM_set_on_plot_result_file_handler(
+        k, [](K k, void* c, S name) { rec(k, cid(c) + " plotfile: " + name); });
+}
+
+// The root element's name if text is one well-formed XML document, else "".
+std::string xmlRoot(const std::string& text)
+{
+    std::string root;
+    XML_Parser p = XML_ParserCreate(nullptr);
+    XML_SetUserData(p, &root);
+    XML_SetStartElementHandler(p, [](void* data, const XML_Char* name, const XML_Char**) {
+        auto& r = *static_cast<std::string*>(data);
+        if (r.empty())
+            r = name;
+    });
+    bool ok = XML_Parse(p, text.data(), static_cast<int>(text.size()), 1) == XML_STATUS_OK;
+    XML_ParserFree(p);
+    return ok ? root : std::string();
 }
 
 void rawSend(int fd, const std::string& b)
@@ -169,7 +189,13 @@ bool gone(const std::string& path)
 
 class Tamkern : public ::testing::Test {
 protected:
-    void SetUp() override { ::alarm(60); } // a hung kernel must not hang the suite
+    void SetUp() override
+    {
+        ::alarm(60); // a hung kernel must not hang the suite
+        // The kernel's files go to this test's directory.
+        ::setenv("XDG_STATE_HOME", (dir_ + "/state").c_str(), 1);
+        ::setenv("XDG_RUNTIME_DIR", (dir_ + "/run").c_str(), 1);
+    }
     void TearDown() override
     {
         for (int fd : raw_)
@@ -189,14 +215,14 @@ protected:
     }
 
     // Launches tamkern through the library, its stdout and stderr going to
-    // the log; the connection's first client, not yet announced.
+    // a file (terminal()); the connection's first client, not yet announced.
     K launch(S name = "main")
     {
         std::fflush(nullptr);
         // Close-on-exec: a kernel holding the runner's output pipe would keep
         // the runner waiting after this test has ended.
         int saved[2] = {::fcntl(1, F_DUPFD_CLOEXEC, 0), ::fcntl(2, F_DUPFD_CLOEXEC, 0)};
-        int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        int log = ::open(terminalPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         ::dup2(log, 1);
         ::dup2(log, 2);
         K k = TAM_new_uds_kernel(TAMKERN_PATH, name);
@@ -204,6 +230,7 @@ protected:
         ::close(saved[0]), ::close(saved[1]), ::close(log);
         if (!k)
             return nullptr;
+        launched_ = true;
         path_ = TAM_get_listen_path(k);
         ucred cred{};
         socklen_t len = sizeof cred;
@@ -211,9 +238,9 @@ protected:
         pid_ = cred.pid;
         return k;
     }
-    // tamkern --listen PATH as a child of the test, with at most files
-    // descriptors if given; true once it listens.
-    bool standalone(rlim_t files = 0)
+    // tamkern --listen PATH [option] as a child of the test, with at most
+    // files descriptors if given; true once it listens.
+    bool standalone(rlim_t files = 0, S option = nullptr)
     {
         path_ = dir_ + "/k.sock";
         if ((pid_ = ::fork()) == 0) {
@@ -223,7 +250,7 @@ protected:
             int log = ::open(logPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(log, 1);
             ::dup2(log, 2);
-            ::execl(TAMKERN_PATH, "tamkern", "--listen", path_.c_str(),
+            ::execl(TAMKERN_PATH, "tamkern", "--listen", path_.c_str(), option,
                     static_cast<char*>(nullptr));
             ::_exit(127);
         }
@@ -250,6 +277,13 @@ protected:
         return c;
     }
     Client& join(S name) { return add(TAM_connect_uds_kernel(path_.c_str(), name)); }
+    // Deletes c's connection now (a joined process's last one removes the
+    // kernel's socket file).
+    void leave(Client& c)
+    {
+        TAM_delete_kernel(c.k);
+        c.k = nullptr;
+    }
     // Another client on the connection of c.
     Client& another(Client& c)
     {
@@ -308,13 +342,20 @@ protected:
         return one ? e[0].substr(head.size()) : "not one result: " + ::testing::PrintToString(e);
     }
 
-    std::string logPath() const { return dir_ + "/kernel.log"; }
-    std::string log() const
+    // A launched kernel logs to a file in the state directory, a standalone
+    // one to its standard error, which goes to the test's file.
+    std::string logPath() const
+    {
+        return launched_ ? dir_ + "/state/tamkern/tamkern.log" : terminalPath();
+    }
+    std::string terminalPath() const { return dir_ + "/terminal"; }
+    static std::string read(const std::string& path)
     {
         std::ostringstream s;
-        s << std::ifstream(logPath()).rdbuf();
+        s << std::ifstream(path).rdbuf();
         return s.str();
     }
+    std::string log() const { return read(logPath()); }
     // The kernel writes its log independently of what clients see.
     bool logShows(const std::string& needle)
     {
@@ -364,6 +405,7 @@ protected:
         return std::string(::mkdtemp(t));
     }();
     std::string path_;
+    bool launched_ = false;
     pid_t pid_ = -1;
     std::vector<std::unique_ptr<Client>> clients_;
     std::vector<std::string> clientFiles_;
@@ -398,6 +440,8 @@ TEST_F(Tamkern, StartupHandshakeSocketAndInitFile)
                       "0 warning/text: " + lib + "/tamkern/init:5: syntax error line 1 col 3 at *",
                       "0 warning/text: unknown argument: -zz", "ready"}));
     EXPECT_EQ(result(own, "initvalue+1"), "124");
+    // The front end's terminal hears nothing of the kernel.
+    EXPECT_EQ(read(terminalPath()), "");
 }
 
 TEST_F(Tamkern, IdsForTwoConnectionsWithTwoClientsEachOneSession)
@@ -490,14 +534,14 @@ TEST_F(Tamkern, StopInterruptsOnlyItsOwnClientsComputation)
 
     auto t0 = Clock::now();
     ASSERT_EQ(TAM_send_stop(c.k), 1);
-    Events e = finished(c, 8); // Giac may print where it stopped
-    ASSERT_GE(e.size(), 2u);
-    EXPECT_EQ(Events(e.end() - 2, e.end()), (Events{"8 error/text: interrupted", "8 finished"}));
-    for (const std::string& m : e)
-        EXPECT_EQ(m.find("result"), std::string::npos) << m;
+    EXPECT_EQ(finished(c, 8), (Events{"8 error/text: interrupted", "8 finished"}));
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 5.0);
     // The interrupt does not linger into the next command.
     EXPECT_EQ(result(c, "2^10"), "1024");
+    // Stopped before it began, or soon after: the same.
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(9), kLongLoop), 1);
+    ASSERT_EQ(TAM_send_stop(c.k), 1);
+    EXPECT_EQ(finished(c, 9), (Events{"9 error/text: interrupted", "9 finished"}));
     EXPECT_EQ(other.fresh(), Events{});
     EXPECT_EQ(log(), "");
 }
@@ -510,8 +554,9 @@ TEST_F(Tamkern, QuestionsToTheFrontEndAnsweredCanceledAndStopped)
         void (*reply)(K);
         S outcome;
     } cases[] = {
-        {"input(\"n?\")+1", "4 input: n?", [](K k) { TAM_send_input(k, 0, "41"); },
-         "4 result/text: 42"},
+        // Answers are evaluated, as if typed in their place.
+        {"input(\"n?\")+1", "4 input: n?", [](K k) { TAM_send_input(k, 0, "2*3"); },
+         "4 result/text: 7"},
         {"input(\"again?\")", "4 input: again?", [](K k) { TAM_send_input(k, 1, ""); },
          "4 error/text: input canceled"},
         // A text answer is a string, not an expression.
@@ -524,10 +569,10 @@ TEST_F(Tamkern, QuestionsToTheFrontEndAnsweredCanceledAndStopped)
          "4 result/text: 42"},
         {"callback(x^2+1)*2", "4 callback utf8: x^2+1",
          [](K k) {
-             const TAM_DataTAG y = data("utf8", "y-1");
+             const TAM_DataTAG y = data("utf8", "2+3");
              TAM_send_call_result(k, 0, &y);
          },
-         "4 result/text: 2*(y-1)"},
+         "4 result/text: 10"},
         {"callback(1)", "4 callback utf8: 1", [](K k) { TAM_send_call_result(k, 1, nullptr); },
          "4 error/text: callback failed"},
     };
@@ -647,10 +692,15 @@ TEST_F(Tamkern, SettingsAreConfirmedHonouredAndPerClient)
     // Settings belong to one client.
     Client& other = another(c);
     EXPECT_EQ(result(other, "[[1,2],[3,4]]"), "[[1,2],[3,4]]");
-    // A setting waits its turn behind a running command of the client.
+    // A setting is answered at once; a command sent before it keeps the
+    // settings it was sent with.
     TAM_send_cmd(c.k, cookie(1), "[[5]]");
     TAM_send_pretty_print(c.k, 0);
-    EXPECT_EQ(next(c, 3), (Events{"1 result/text: [5]", "1 finished", "prettyprint 0"}));
+    Events e = next(c, 3);
+    auto setting = std::find(e.begin(), e.end(), "prettyprint 0");
+    ASSERT_NE(setting, e.end()) << ::testing::PrintToString(e);
+    e.erase(setting);
+    EXPECT_EQ(e, (Events{"1 result/text: [5]", "1 finished"}));
 }
 
 TEST_F(Tamkern, MalformedOrUnknownRequestsCostOnlyTheirConnection)
@@ -754,18 +804,20 @@ TEST_F(Tamkern, RequestsPilingUpBehindACommandAreReadInStep)
 {
     Client& c = add(launch());
     ASSERT_EQ(TAM_send_cmd(c.k, cookie(8), kLongLoop), 1);
-    // 200000 settings behind the loop: the kernel reads only as far as it
+    // 200000 commands behind the loop: the kernel reads only as far as it
     // keeps them waiting, so the sender soon finds the socket full.
     int fd = rawConnect();
     ::fcntl(fd, F_SETFL, O_NONBLOCK);
     std::string flood = kNewClient;
     for (int i = 0; i < 200000; ++i)
-        flood += "<prettyprint value=\"0\"/>";
+        flood += "<cmd cid=\"1\"><text>1</text></cmd>";
     std::size_t sent = 0;
     for (pollfd p{fd, POLLOUT, 0}; sent < flood.size() && ::poll(&p, 1, 500) == 1;)
         sent += std::max<ssize_t>(
             0, ::send(fd, flood.data() + sent, flood.size() - sent, MSG_NOSIGNAL));
     EXPECT_LT(sent, flood.size() / 2);
+    // Its commands go with it.
+    ::shutdown(fd, SHUT_RDWR);
     ASSERT_EQ(TAM_send_stop(c.k), 1);
     Events e = finished(c, 8);
     EXPECT_EQ(e.empty() ? "" : e.back(), "8 finished");
@@ -872,4 +924,122 @@ TEST_F(Tamkern, StandaloneOutlivesItsClientsUntilSigterm)
     EXPECT_EQ(waitExit(10000), 0);
     EXPECT_TRUE(gone(path_));
     EXPECT_NE(log().find("terminated by signal"), std::string::npos) << log();
+}
+
+TEST_F(Tamkern, StandaloneListensAgainWhenFrontEndsRemoveItsSocketFile)
+{
+    ASSERT_TRUE(standalone(0, "--keep-plots"));
+    // The library removes a joined kernel's socket file with its last
+    // connection; the kernel makes a new one, owner-only as the first.
+    for (S name : {"a", "b"}) {
+        Client& c = join(name);
+        EXPECT_EQ(result(c, "1+1"), "2") << name;
+        leave(c);
+        ASSERT_TRUE(waitFor([&] { return !gone(path_); }, 5000))
+            << "no new socket after " << name << " left";
+        struct stat st;
+        ASSERT_EQ(::lstat(path_.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_EQ(st.st_mode & 077, 0u) << std::oct << st.st_mode;
+    }
+    Client& third = join("c");
+    Events e = run(third, "plot(x,x=0..1)");
+    ASSERT_EQ(e.size(), 2u) << ::testing::PrintToString(e);
+    // That client did not announce can_plot: no plot file.
+    EXPECT_EQ(e[0].rfind("5 result/text: ", 0), 0u) << e[0];
+    TAM_KernelImpl* plotter = TAM_get_uds_kernel(nullptr, "c", 0);
+    Client& p = add(plotter, TAM_FEATURE_CAN_PLOT);
+    e = run(p, "plot(x,x=0..1)");
+    ASSERT_EQ(e.size(), 3u) << ::testing::PrintToString(e);
+    std::string file = e[0].substr(e[0].find(": ") + 2);
+    // Kept after the kernel ends when it was asked to.
+    ::kill(pid_, SIGTERM);
+    EXPECT_EQ(waitExit(10000), 0);
+    EXPECT_FALSE(gone(file)) << file;
+    EXPECT_EQ(log(), "tamkern: terminated by signal\n");
+}
+
+TEST_F(Tamkern, PlotsAreSvgFilesForClientsThatShowThemAndTextForOthers)
+{
+    Client& p = add(launch(), TAM_FEATURE_CAN_QUIT | TAM_FEATURE_CAN_PLOT);
+    Client& t = another(p);
+    std::vector<std::string> files;
+    // Giac's drawing is made well-formed XML, also around a label that holds
+    // markup characters.
+    for (S plot : {"plot(x^2,x=-1..1)", "[plot(sin(x)),legend(1+i,\"a<b&c\")]"}) {
+        SCOPED_TRACE(plot);
+        Events e = run(p, plot);
+        ASSERT_EQ(e.size(), 3u) << ::testing::PrintToString(e);
+        const std::string head = "5 plotfile: " + dir_ + "/run/tamkern/plots-";
+        ASSERT_EQ(e[0].rfind(head, 0), 0u) << e[0];
+        std::string file = e[0].substr(std::strlen("5 plotfile: "));
+        EXPECT_EQ(e[1], "5 result/text: 2-D plot: " + file.substr(file.rfind('/') + 1));
+        EXPECT_EQ(e[2], "5 finished");
+        EXPECT_EQ(xmlRoot(read(file)), "svg") << read(file).substr(0, 300);
+        files.push_back(file);
+    }
+    EXPECT_NE(files[0], files[1]);
+    // Without can_plot the graphic is Giac's text.
+    std::string text = result(t, "plot(x^2,x=-1..1)");
+    EXPECT_GT(text.size(), 1000u);
+    EXPECT_EQ(text.find("svg"), std::string::npos);
+    // The plot files go with the kernel.
+    TAM_delete_kernel(t.k);
+    t.k = nullptr;
+    ASSERT_EQ(TAM_send_quit(p.k), 1);
+    EXPECT_EQ(waitExit(10000), 0);
+    EXPECT_TRUE(gone(files[0].substr(0, files[0].rfind('/'))));
+}
+
+TEST_F(Tamkern, ASecondClientIsServedAtOnceWhileTheFirstComputes)
+{
+    Client& a = add(launch());
+    ASSERT_EQ(TAM_send_cmd(a.k, cookie(8), kLongLoop), 1);
+    auto t0 = Clock::now();
+    Client& b = join("b"); // announced, its init answered, ready
+    ASSERT_EQ(TAM_send_completion_wanted(b.k, "fact"), 1);
+    Events e = next(b);
+    double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+    ASSERT_EQ(e.size(), 1u);
+    EXPECT_EQ(e[0].rfind("completion fact: facteurs_premiers factor factor_xn factorial", 0), 0u)
+        << e[0];
+    EXPECT_LT(ms, 100.0) << "ready and completed after " << ms << " ms";
+    TAM_send_textwidth(b.k, 30);
+    TAM_send_format(b.k, "result", "tex");
+    EXPECT_EQ(next(b, 2), (Events{"textwidth 30", "format result tex"}));
+    // Commands wait for the evaluator.
+    ASSERT_EQ(TAM_send_cmd(b.k, cookie(2), "x^2/3"), 1);
+    ASSERT_EQ(TAM_send_stop(a.k), 1);
+    EXPECT_EQ(finished(a, 8), (Events{"8 error/text: interrupted", "8 finished"}));
+    EXPECT_EQ(finished(b, 2), (Events{"2 result/tex: \\frac{x^{2}}{3}", "2 finished"}));
+}
+
+TEST_F(Tamkern, HistoryOfResultsIsSharedByTheClients)
+{
+    Client& a = add(launch());
+    Client& b = another(a);
+    EXPECT_EQ(result(a, "2+3"), "5");
+    EXPECT_EQ(result(b, "7*6"), "42");
+    EXPECT_EQ(result(a, "ans(-1)"), "42");
+    EXPECT_EQ(result(b, "ans(-3)+ans()"), "47");
+    // A command sent without history leaves none.
+    ASSERT_EQ(TAM_send_cmd_ext(b.k, cookie(6), "1000", TAM_CMD_NO_HISTORY, nullptr), 1);
+    EXPECT_EQ(finished(b, 6), (Events{"6 result/text: 1000", "6 finished"}));
+    EXPECT_EQ(result(a, "ans()"), "47");
+}
+
+TEST_F(Tamkern, RunawayRecursionFailsAndDeepRecursionWorks)
+{
+    Client& c = add(launch());
+    auto t0 = Clock::now();
+    Events e = run(c, "f(n):=f(n+1);f(1)");
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 5.0);
+    ASSERT_GE(e.size(), 2u);
+    EXPECT_EQ(Events(e.end() - 2, e.end()),
+              (Events{"5 error/text: recursion too deep (more than 5000 levels)", "5 finished"}));
+    // Deeper than Giac's own default, within the kernel's limit: Giac would
+    // switch to an evaluator that never returns.
+    run(c, "g(n):={if (n>=3000) return n; return g(n+1);}");
+    EXPECT_EQ(result(c, "g(1)"), "3000");
+    EXPECT_EQ(result(c, "f(n):=n;f(2)"), "(n)->n,2");
 }

@@ -367,7 +367,10 @@ struct FakeEngine : Engine {
     void start() override {}
     void submit(Job j) override
     {
-        calls.push_back("submit " + std::to_string(j.client) + " " + j.text);
+        std::string c = (j.kind == Job::Init ? "init " : "submit ") + std::to_string(j.client);
+        for (const std::string& f : j.initFiles)
+            c += " " + f;
+        calls.push_back(c + (j.text.empty() ? "" : " " + j.text));
     }
     void interrupt(long c) override { calls.push_back("interrupt " + std::to_string(c)); }
     void clientGone(long c) override { calls.push_back("gone " + std::to_string(c)); }
@@ -385,6 +388,13 @@ struct FakeConnections : Dispatcher::Host {
     void sendLastToAll(std::string bytes) override { sent[0] += bytes; }
     void requestQueued(int conn) override { ++waiting[conn]; }
     void requestTaken(int conn) override { --waiting[conn]; }
+    // What connection conn was sent since the last look.
+    std::string take(int conn)
+    {
+        std::string s;
+        s.swap(sent[conn]);
+        return s;
+    }
 };
 
 void say(Dispatcher& d, int conn, const std::string& xml)
@@ -398,6 +408,15 @@ std::string cmd(int cl, const char* text)
     return "<cmd cl=\"" + std::to_string(cl) + "\"><text>" + text + "</text></cmd>";
 }
 
+std::string init(int cl, const std::string& args)
+{
+    std::string xml = "<init cl=\"" + std::to_string(cl) + "\">";
+    std::istringstream words(args);
+    for (std::string w; words >> w;)
+        xml += "<iarg value=\"" + w + "\"/>";
+    return xml + "</init>";
+}
+
 } // namespace
 
 TEST(TamkernUnits, DispatcherRunsOneJobAtATimeAndForgetsWhatALeavingClientQueued)
@@ -407,18 +426,19 @@ TEST(TamkernUnits, DispatcherRunsOneJobAtATimeAndForgetsWhatALeavingClientQueued
     Dispatcher d(conns, engine);
     say(d, 1, "<newclient/><newclient/>");
     say(d, 2, "<newclient/>");
+    conns.take(1);
     say(d, 1, cmd(1, "a") + cmd(2, "b") + "<textwidth cl=\"2\" value=\"5\"/>");
     say(d, 2, cmd(3, "c"));
     EXPECT_EQ(engine.calls, (std::vector<std::string>{"submit 1 a"}));
-    EXPECT_EQ(conns.waiting, (std::map<int, int>{{1, 2}, {2, 1}}));
-
-    // Stops and answers do not wait their turn.
+    EXPECT_EQ(conns.waiting, (std::map<int, int>{{1, 1}, {2, 1}}));
+    // Settings, stops and answers do not wait their turn.
+    EXPECT_EQ(conns.take(1), "<textwidth cl=\"2\" value=\"5\"/>");
     say(d, 1, "<stop cl=\"2\"/><input cl=\"1\"><text>7</text></input>");
     ASSERT_EQ(engine.calls.size(), 3u);
     EXPECT_EQ(engine.calls[1], "interrupt 2");
     EXPECT_EQ(engine.calls[2], "answer 1 7");
 
-    // A client that leaves takes its queued requests along, and its
+    // A client that leaves takes its queued commands along, and its
     // connection has them no longer waiting.
     say(d, 1, "<quit cl=\"2\"/>");
     EXPECT_EQ(engine.calls.back(), "gone 2");
@@ -428,5 +448,67 @@ TEST(TamkernUnits, DispatcherRunsOneJobAtATimeAndForgetsWhatALeavingClientQueued
     d.jobDone();
     d.dispatch();
     EXPECT_EQ(engine.calls.back(), "submit 3 c");
-    EXPECT_EQ(conns.sent[1].find("<textwidth"), std::string::npos) << conns.sent[1];
+}
+
+TEST(TamkernUnits, DispatcherMakesClientsReadyOnceTheirStartUpFilesHaveRun)
+{
+    FakeEngine engine;
+    FakeConnections conns;
+    Dispatcher d(conns, engine);
+    say(d, 1, "<newclient/><newclient/><newclient/><newclient/>");
+    conns.take(1);
+    // The first init that names a directory has its file evaluated; a second
+    // one naming it waits for that, not for one of its own.
+    say(d, 1, init(1, "-l A -zz") + init(2, "-l A"));
+    EXPECT_EQ(engine.calls, (std::vector<std::string>{"init 1 A/tamkern/init"}));
+    EXPECT_EQ(conns.take(1), "");
+    say(d, 1, cmd(1, "x"));
+    d.jobDone();
+    EXPECT_EQ(conns.take(1),
+              "<output cl=\"1\" cid=\"0\" type=\"warning\"><text format=\"text\">unknown argument: "
+              "-zz</text></output><ready cl=\"1\"/><ready cl=\"2\"/>");
+    d.dispatch();
+    EXPECT_EQ(engine.calls.back(), "submit 1 x");
+    // Loaded: ready at once, even while a command runs. A new directory waits
+    // behind the command.
+    say(d, 1, init(3, "-l A") + init(4, "-l A -l B"));
+    EXPECT_EQ(conns.take(1), "<ready cl=\"3\"/>");
+    d.jobDone();
+    d.dispatch();
+    EXPECT_EQ(engine.calls.back(), "init 4 B/tamkern/init");
+    d.jobDone();
+    EXPECT_EQ(conns.take(1), "<ready cl=\"4\"/>");
+}
+
+TEST(TamkernUnits, DispatcherCompletesFromTheEnginesNamesAndWarnsOfAStuckStop)
+{
+    EXPECT_EQ(completionList({"fa", "fac", "face", "fact", "fb", "ifac"}, "fac"), "fac face fact");
+    EXPECT_EQ(completionList({"a", "b"}, "c"), "");
+
+    FakeEngine engine;
+    FakeConnections conns;
+    Dispatcher d(conns, engine, std::chrono::milliseconds(0));
+    say(d, 1, "<newclient/><newclient/>");
+    conns.take(1);
+    // Before the engine has named anything a completion waits for it.
+    say(d, 1, "<complete cl=\"2\" value=\"fa\"/>");
+    EXPECT_EQ(conns.take(1), "");
+    d.names({"fa", "fact", "gcd"});
+    EXPECT_EQ(conns.take(1), "<completion cl=\"2\" list=\"fa fact\" pref=\"fa\"/>");
+
+    // Stopped and still running past the grace: its client is told once.
+    say(d, 1, "<cmd cl=\"1\" cid=\"9\"><text>loop</text></cmd><stop cl=\"2\"/>");
+    d.checkStopped(Dispatcher::Clock::now());
+    EXPECT_EQ(conns.take(1), "") << "another client's stop";
+    say(d, 1, "<stop cl=\"1\"/>");
+    EXPECT_LE(d.stopDeadline(), Dispatcher::Clock::now());
+    d.checkStopped(Dispatcher::Clock::now());
+    d.checkStopped(Dispatcher::Clock::now());
+    EXPECT_EQ(conns.take(1), std::string("<output cl=\"1\" cid=\"9\" type=\"warning\"><text "
+                                         "format=\"text\">") +
+                                 Dispatcher::NotResponding + "</text></output>");
+    EXPECT_EQ(d.stopDeadline(), Dispatcher::Clock::time_point::max());
+    d.jobDone();
+    d.checkStopped(Dispatcher::Clock::now());
+    EXPECT_EQ(conns.take(1), "");
 }
