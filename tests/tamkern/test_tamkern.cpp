@@ -546,6 +546,32 @@ TEST_F(Tamkern, StopInterruptsOnlyItsOwnClientsComputation)
     EXPECT_EQ(log(), "");
 }
 
+TEST_F(Tamkern, AStopTheComputationIgnoresIsReportedAndTheKernelStillEnds)
+{
+    Client& c = add(launch());
+    auto cpuSeconds = [&] {
+        TAM_send_status_wanted(c.k);
+        pump([&] { return c.has("status"); });
+        c.fresh();
+        return c.sec;
+    };
+    const long before = cpuSeconds();
+    // Giac's integer factorisation, once under way, does not look at the
+    // interrupt flag.
+    ASSERT_EQ(TAM_send_cmd(c.k, cookie(3), "ifactor(2^251-1)"), 1);
+    ASSERT_TRUE(waitFor([&] { return cpuSeconds() >= before + 1; }, 20000));
+    auto t0 = Clock::now();
+    ASSERT_EQ(TAM_send_stop(c.k), 1);
+    EXPECT_EQ(next(c, 1, 10000),
+              Events{std::string("3 warning/text: the computation does not "
+                                 "respond to stop; restart the kernel to end it")});
+    EXPECT_GE(std::chrono::duration<double>(Clock::now() - t0).count(), 2.9);
+    // Its last client gone, the kernel ends all the same.
+    ASSERT_EQ(TAM_send_quit(c.k), 1);
+    EXPECT_EQ(waitExit(10000), 0);
+    EXPECT_TRUE(logShows("evaluation did not stop")) << log();
+}
+
 TEST_F(Tamkern, QuestionsToTheFrontEndAnsweredCanceledAndStopped)
 {
     Client& c = add(launch());
