@@ -150,8 +150,9 @@ void Listener::watchDirectory()
     int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0)
         return;
-    if (::inotify_add_watch(fd, dir.c_str(), IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE) <
-        0) {
+    // Only removals matter: of this socket's file, or of another file in its
+    // place after listening there failed.
+    if (::inotify_add_watch(fd, dir.c_str(), IN_DELETE | IN_MOVED_FROM) < 0) {
         ::close(fd);
         return;
     }
