@@ -150,6 +150,11 @@ TEST(TamixTerminal, QuestionsHelpAndHistoryAcrossSessions)
         // The shell command's output, then its status as the value.
         EXPECT_TRUE(answers(t, "system(\"echo hi; exit 3\")", "hi\n3"));
         EXPECT_TRUE(answers(t, "callback(7*z)", "7*z"));
+        t.type(":status\r");
+        EXPECT_TRUE(t.expect("kernel memory ")) << t.rest();
+        EXPECT_TRUE(t.expect(" KiB reserved; CPU time ")) << t.rest();
+        t.type(":help\r");
+        EXPECT_TRUE(t.expect(":format text|tex|mathml")) << t.rest();
         EXPECT_TRUE(answers(t, "6*7", "42"));
         t.type("\004");
         EXPECT_EQ(t.exitStatus(), 0);
@@ -281,6 +286,15 @@ TEST(TamixPipe, ExactOutputsAndExitStatus)
         {"",
          "print(\"hi\")\nsystem(\"echo sh; read x || echo eof\")\n:width x\n",
          {1, "hi\n0\nsh\neof\n0\n", "line 3: usage: :width N\n"}},
+        // Brackets in strings and comments do not count; a final backslash
+        // joins lines. The console's own commands.
+        {"",
+         "t:=\"a(b\" ; length(t)\n/* [ */ 2+3 // (\n7*\\\n6\n:format tex\nx^2/3\n"
+         ":format text\n:width 10\nexpand((x+1)^4)\n",
+         {0,
+          "\"a(b\",3\n5\n42\nresults in format tex\n\\frac{x^{2}}{3}\nresults in format "
+          "text\nresults wrapped at 10 characters\nx^4+4*x^3+\n6*x^2+4*x+\n1\n",
+          ""}},
         {"-e 'diff(x^3,x)' -e 'input(\"n\")*2'", "21\n", {0, "3*x^2\n42\n", ""}},
         {"--bogus", "", {2, "", "tamix: unknown option --bogus\nTry tamix --help.\n"}},
         {"--kernel /nonexistent -e 1",
