@@ -39,6 +39,7 @@ sanitize: setup $(ASAN)/CMakeCache.txt
 
 bench: build
 	$(BUILD)/bin/tamix_bench
+	$(BUILD)/bin/tamix_console_bench
 
 # The library, its header, the programs, tamix.pc and the CMake package.
 install: build

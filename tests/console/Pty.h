@@ -16,28 +16,42 @@
 
 namespace tamixtest {
 
-// The text of a terminal stream without its control sequences (colours,
-// cursor movement, mode switches), carriage returns and bells.
+// Appends to out the text of raw from `from` on without its control
+// sequences (colours, cursor movement, mode switches), carriage returns and
+// bells; returns where it stopped: before a sequence not yet complete.
+inline size_t appendScreenText(const std::string& raw, size_t from, std::string& out)
+{
+    size_t i = from;
+    while (i < raw.size()) {
+        const char c = raw[i];
+        if (c != '\033') {
+            if (c != '\r' && c != '\a')
+                out += c;
+            ++i;
+            continue;
+        }
+        size_t end = i + 1;
+        if (end >= raw.size())
+            return i;
+        if (raw[end] == '[') { // CSI: parameters, then a final byte
+            ++end;
+            while (end < raw.size() && !(raw[end] >= 0x40 && raw[end] <= 0x7e))
+                ++end;
+        } else if (raw[end] == ']') { // OSC, up to BEL or ST
+            while (end < raw.size() && raw[end] != '\a' && raw.compare(end, 2, "\033\\") != 0)
+                ++end;
+        }
+        if (end >= raw.size())
+            return i;
+        i = end + 1;
+    }
+    return i;
+}
+
 inline std::string screenText(const std::string& raw)
 {
     std::string out;
-    for (size_t i = 0; i < raw.size(); ++i) {
-        const char c = raw[i];
-        if (c == '\033' && i + 1 < raw.size()) {
-            if (raw[i + 1] == '[') { // CSI: parameters, then a final byte
-                i += 2;
-                while (i < raw.size() && !(raw[i] >= 0x40 && raw[i] <= 0x7e))
-                    ++i;
-            } else if (raw[i + 1] == ']') { // OSC, up to BEL or ST
-                while (i < raw.size() && raw[i] != '\a' && raw.compare(i, 2, "\033\\") != 0)
-                    ++i;
-            } else {
-                ++i;
-            }
-        } else if (c != '\r' && c != '\a') {
-            out += c;
-        }
-    }
+    appendScreenText(raw, 0, out);
     return out;
 }
 
@@ -93,8 +107,7 @@ public:
     {
         const auto end = Clock::now() + std::chrono::milliseconds(ms);
         for (;;) {
-            const std::string screen = screenText(raw_);
-            const size_t at = screen.find(text, mark_);
+            const size_t at = screen_.find(text, mark_);
             if (at != std::string::npos) {
                 mark_ = at + text.size();
                 return true;
@@ -106,7 +119,9 @@ public:
     }
 
     // What the terminal showed after what expect found last.
-    std::string rest() const { return screenText(raw_).substr(mark_); }
+    std::string rest() const { return screen_.substr(mark_); }
+    // Everything the terminal showed.
+    const std::string& screen() const { return screen_; }
     // Everything, control sequences included.
     const std::string& raw() const { return raw_; }
 
@@ -137,6 +152,7 @@ private:
         if (n <= 0)
             return false; // the program has ended
         raw_.append(buf, static_cast<size_t>(n));
+        cleaned_ = appendScreenText(raw_, cleaned_, screen_);
         return true;
     }
 
@@ -144,7 +160,9 @@ private:
     int fd_ = -1;
     int status_ = -1;
     std::string raw_;
-    size_t mark_ = 0;
+    std::string screen_; // raw_ up to cleaned_ as screenText
+    size_t cleaned_ = 0;
+    size_t mark_ = 0; // in screen_
 };
 
 } // namespace tamixtest

@@ -194,8 +194,7 @@ TEST(TamixTerminal, CtrlCStopsTheCommandAndAKilledKernelIsReported)
     t.type("s\r");
     ASSERT_TRUE(t.expect("s\n")) << t.rest();
     ASSERT_TRUE(t.expect("\n>> ")) << t.rest();
-    EXPECT_TRUE(std::regex_search(screenText(t.raw()), std::regex(">> s\n[1-9][0-9]*\n>> $")))
-        << screenText(t.raw());
+    EXPECT_TRUE(std::regex_search(t.screen(), std::regex(">> s\n[1-9][0-9]*\n>> $"))) << t.screen();
     EXPECT_TRUE(answers(t, "1+1", "2"));
     // Ctrl-C at the prompt only clears the line.
     t.type("1+\003");
@@ -250,7 +249,7 @@ TEST(TamixTerminal, PlotFileAndARestartWhenTheKernelDoesNotStop)
         offered = t.expect("Restart it (all its variables are lost)? [y/N] ", 250);
     }
     ASSERT_TRUE(offered) << t.rest();
-    EXPECT_NE(screenText(t.raw()).find("still interrupting"), std::string::npos);
+    EXPECT_NE(t.screen().find("still interrupting"), std::string::npos);
     const pid_t first = s.pid();
     t.type("y\r");
     EXPECT_TRUE(t.expect("starting a new kernel")) << t.rest();
