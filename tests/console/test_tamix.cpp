@@ -362,3 +362,32 @@ TEST(TamixPipe, JoinsAKernelDirectlyAndThroughARelay)
         waitpid(p, nullptr, 0);
     }
 }
+
+// A kernel that goes in the middle of a command ends a script at once, with
+// what became of it.
+TEST(TamixPipe, AKernelThatGoesEndsTheScript)
+{
+    Scenario s("");
+    const std::string ready = "listen\naccept\nwait_for can_quit\nsend <sendinit cl=\"1\"/>\n"
+                              "wait_for </init>\nsend <ready cl=\"1\"/>\nwait_for </cmd>\n";
+    const struct {
+        std::string steps, err;
+    } cases[] = {
+        {"kill\n", "tamix: the kernel died (signal 9)\n"},
+        {"exit 4\n", "tamix: the kernel ended (status 4)\n"},
+        {"send <quit/>\ndrain\n", "tamix: the kernel quit\n"},
+        {"send <<oops>\ndrain\n", "tamix: the kernel broke the protocol\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.steps);
+        s.play(ready + c.steps);
+        RunResult r = runProgram("'" + kTamix + "' --kernel '" + TAMIX_SCRIPTED_KERNEL + "'", s.dir,
+                                 "1+1\n2+2\n", s.dir);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, c.err);
+        // Only the first command was sent.
+        EXPECT_EQ(s.received().find("2+2"), std::string::npos);
+        std::filesystem::remove(s.dir + "/rec");
+    }
+}
