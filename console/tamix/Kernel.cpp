@@ -168,11 +168,12 @@ void KernelLink::end(bool force)
         if (pid_t pid = kernelPid())
             kill(pid, SIGKILL);
     }
+    const bool listening = !gone_;
     TAM_delete_kernel(kernel_);
     kernel_ = nullptr;
     ready_ = running_ = false;
     queue_.clear();
-    restoreSocketName();
+    restoreSocketName(listening);
 }
 
 bool KernelLink::restart(std::string& error)
@@ -202,12 +203,13 @@ void KernelLink::keepSocketName()
         keptName_.clear();
 }
 
-void KernelLink::restoreSocketName()
+void KernelLink::restoreSocketName(bool listening)
 {
     if (keptName_.empty())
         return;
-    // Only where nothing has taken the name in the meantime.
-    if (link(keptName_.c_str(), config_.connectPath.c_str()) != 0 && errno != EEXIST)
+    // Only for a kernel that still listens, and where nothing has taken
+    // the name in the meantime.
+    if (listening && link(keptName_.c_str(), config_.connectPath.c_str()) != 0 && errno != EEXIST)
         perror(("tamix: " + config_.connectPath).c_str());
     unlink(keptName_.c_str());
     keptName_.clear();

@@ -112,7 +112,8 @@ private:
     // when unknown.
     pid_t kernelPid() const;
     void keepSocketName();
-    void restoreSocketName();
+    // listening: the kernel was still there when the console left it.
+    void restoreSocketName(bool listening);
 
     static void onInitWanted(TAM_KernelImpl* k);
     static void onKernelReady(TAM_KernelImpl* k);

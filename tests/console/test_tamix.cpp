@@ -253,7 +253,13 @@ TEST(TamixTerminal, PlotFileAndARestartWhenTheKernelDoesNotStop)
     const pid_t first = s.pid();
     t.type("y\r");
     EXPECT_TRUE(t.expect("starting a new kernel")) << t.rest();
-    EXPECT_TRUE(waitFor([&] { return s.pid() != first && !alive(first); }, 5000));
+    // The new kernel writes its pid file as it starts: read it with care.
+    EXPECT_TRUE(waitFor(
+        [&] {
+            const int now = atoi(readFile(s.dir + "/rec.pid").c_str());
+            return now > 0 && now != first && !alive(first);
+        },
+        5000));
     // The console announced what it can do, and asked for the stop.
     EXPECT_NE(s.received().find("features=\"can_plot can_input can_textinput can_help "
                                 "can_exec_system can_quit can_callback \""),
