@@ -347,7 +347,8 @@ void Interactive::say(const std::string& text, Style style)
 void Interactive::restartKernel()
 {
     interrupting_ = false;
-    say("starting a new kernel" + ellipsis(), Style::Info);
+    say((link_.joined() ? "joining the kernel again" : "starting a new kernel") + ellipsis(),
+        Style::Info);
     std::string error;
     if (!link_.restart(error))
         say(error + "; :restart tries again", Style::Error);

@@ -85,7 +85,8 @@ public:
     // A command of ours runs or waits to be sent.
     bool busy() const { return running_ || !queue_.empty(); }
     bool running() const { return running_; }
-    bool launched() const { return alive() && config_.connectPath.empty(); }
+    // The kernel was joined by its socket rather than launched.
+    bool joined() const { return !config_.connectPath.empty(); }
 
     // Sends the command when the kernel is ready and has nothing of ours to
     // run, else queues it.

@@ -187,9 +187,16 @@ TEST(TamixTerminal, CtrlCStopsTheCommandAndAKilledKernelIsReported)
     t.type("s:=0; for(k:=1;k<10^9;k++){s:=s+k;}\r");
     // The loop runs once the kernel has computed for a while.
     ASSERT_TRUE(waitFor([&] { return cpuTicks(kernel) > idle + 20; }, 20000));
+    // Completion goes on meanwhile, from the names the kernel knew at start.
+    t.type("facto\t");
+    EXPECT_TRUE(t.expect("factorial")) << t.rest();
     t.type("\003");
     EXPECT_TRUE(t.expect("interrupting\u2026\n")) << t.rest();
-    EXPECT_TRUE(t.expect("interrupted\n>> ")) << t.rest();
+    EXPECT_TRUE(t.expect("interrupted\n")) << t.rest();
+    EXPECT_TRUE(t.expect(">> factor")) << t.rest();
+    // What was typed meanwhile is still there.
+    t.type("ial(5)\r");
+    EXPECT_TRUE(t.expect("\n120\n>> ")) << t.rest();
     // The session and its variables survive.
     t.type("s\r");
     ASSERT_TRUE(t.expect("s\n")) << t.rest();
