@@ -1,12 +1,13 @@
-# Thin driver around CMake. `make run` starts the console on the bundled
-# kernel; `make test` builds and runs the whole test suite.
+# Thin driver around CMake. `make run` starts the console tamix on the
+# bundled kernel (`make run-tamcon` the minimal console tamcon); `make test`
+# builds and runs the whole test suite.
 BUILD   ?= build
 ASAN    ?= build-asan
 JOBS    ?= $(shell nproc)
 CMAKE_FLAGS ?=
 PREFIX  ?= /usr/local
 
-.PHONY: all setup build run test sanitize bench install clean
+.PHONY: all setup build run run-tamcon test sanitize bench install clean
 
 all: build
 
@@ -20,6 +21,9 @@ build: setup $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
 run: build
+	$(BUILD)/bin/tamix
+
+run-tamcon: build
 	cd $(BUILD)/bin && ./tamcon
 
 test: build
@@ -35,6 +39,7 @@ sanitize: setup $(ASAN)/CMakeCache.txt
 
 bench: build
 	$(BUILD)/bin/tamix_bench
+	$(BUILD)/bin/tamix_console_bench
 
 # The library, its header, the programs, tamix.pc and the CMake package.
 install: build

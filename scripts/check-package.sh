@@ -5,7 +5,8 @@
 #  - the installed kernel does not load QtCore;
 #  - a C front end builds with pkg-config and a C++ one with find_package;
 #  - both run, the C one against the installed kernel, as does the installed
-#    console, which finds ./tamkern and ../lib from its own directory.
+#    console, which finds ./tamkern and ../lib from its own directory, and
+#    tamix, run from another directory.
 set -euo pipefail
 build=$(cd "${1:?usage: check-package.sh BUILD_DIR}" && pwd)
 src=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,3 +37,9 @@ cmake --build "$tmp/cxx" >/dev/null
 out=$(cd "$prefix/bin" && printf '1+1\nquit\n' | ./tamcon)
 grep -qx '>> 2' <<<"$out" || fail "installed console: $out"
 echo "installed console answered 1+1"
+
+# tamix finds the kernel and its library directory beside itself, from any
+# directory.
+out=$(cd / && printf 'factor(x^4-1)\n' | "$prefix/bin/tamix")
+[ "$out" = "(x-1)*(x+1)*(x^2+1)" ] || fail "installed tamix: $out"
+echo "installed tamix answered from /"

@@ -8,6 +8,7 @@ packages=(
   libexpat1-dev zlib1g-dev qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libgiac-dev
+  libreadline-dev
   locales
 )
 

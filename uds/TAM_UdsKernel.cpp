@@ -23,7 +23,9 @@ TAM_UdsKernel::~TAM_UdsKernel()
     proc_ = nullptr;
     if (!proc)
         return;
-    int pid = proc->get_pid();
+    // A kernel already reaped has nothing left to wait for (and its pid may
+    // have been given to another process since).
+    int pid = proc->is_reaped() ? 0 : proc->get_pid();
     proc->remove_kernel(this);
     // A quitting process still registered holds one reference of its own,
     // which the input loop gives back; it is not a client's.
@@ -76,6 +78,16 @@ int TAM_UdsKernel::get_client_fd() const
 const char* TAM_UdsKernel::get_listen_path() const
 {
     return proc_ ? proc_->get_listen_path() : nullptr;
+}
+
+int TAM_UdsKernel::get_kernel_state() const
+{
+    return proc_ ? proc_->kernel_state() : TAM_KERNEL_CLOSED;
+}
+
+int TAM_UdsKernel::get_kernel_exit_status(int* status)
+{
+    return proc_ ? proc_->exit_status(status) : 0;
 }
 
 void TAM_UdsKernel::xbegin(const char* name, unsigned long len)

@@ -27,6 +27,11 @@ public:
     const char* get_kernel_name() const override;
     int get_client_fd() const override;
     const char* get_listen_path() const override;
+    // What has become of the kernel (TAM_KERNEL_...); CLOSED without a
+    // process.
+    int get_kernel_state() const;
+    // 1 and *status once a kernel launched here has ended and been reaped.
+    int get_kernel_exit_status(int* status);
 
     // Writes the announcement and sends it, then waits in the process's
     // pending list for the kernel to give this client an id. Refused for a

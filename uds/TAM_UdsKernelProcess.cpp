@@ -256,7 +256,8 @@ void TAM_UdsKernelProcess::hang_up(int fd)
 TAM_UdsKernelProcess::TAM_UdsKernelProcess(const char* name, int fd, const char* listen_path,
                                            int pid)
     : fd_(fd), msgParser_(this), refCount_(1), name_(nullptr), listenPath_(nullptr),
-      quitting_(false), pid_(pid), serial_(gNextSerial++), dispatching_(0), doomed_(false)
+      quitting_(false), pid_(pid), serial_(gNextSerial++), dispatching_(0), doomed_(false),
+      closed_(false), malformed_(false), reaped_(false), exitStatus_(0)
 {
     if (name) {
         name_ = copyText(name);
@@ -499,16 +500,59 @@ bool TAM_UdsKernelProcess::read_and_dispatch()
 {
     char buf[1024];
     ssize_t n = read(fd_, buf, sizeof buf);
-    if (n <= 0)
-        return true; // closed by the kernel or failed: nothing to do
+    if (n <= 0) {
+        // Closed by the kernel or failed: nothing to dispatch. The socket
+        // stays watched; the state tells the front end to stop.
+        if (n == 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) {
+            closed_ = true;
+            try_reap();
+        }
+        return true;
+    }
     ++dispatching_;
-    msgParser_.saveParse(buf, static_cast<int>(n));
+    bool ok = msgParser_.saveParse(buf, static_cast<int>(n));
     --dispatching_;
+    // A failed chunk is malformed input only if expat says so; a handler
+    // that threw fails it too, and the stream goes on.
+    if (!ok && !malformed_ && msgParser_.errorCode() != XML_ERROR_NONE) {
+        malformed_ = true;
+        try_reap();
+    }
     if (dispatching_ == 0 && doomed_) {
         delete this;
         return false;
     }
     return true;
+}
+
+void TAM_UdsKernelProcess::try_reap()
+{
+    if (pid_ <= 0 || reaped_)
+        return;
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        reaped_ = true;
+        exitStatus_ = status;
+    }
+}
+
+int TAM_UdsKernelProcess::kernel_state() const
+{
+    if (quitting_)
+        return TAM_KERNEL_QUIT;
+    if (malformed_)
+        return TAM_KERNEL_MALFORMED;
+    return closed_ ? TAM_KERNEL_CLOSED : TAM_KERNEL_RUNNING;
+}
+
+int TAM_UdsKernelProcess::exit_status(int* status)
+{
+    try_reap();
+    if (!reaped_)
+        return 0;
+    if (status)
+        *status = exitStatus_;
+    return 1;
 }
 
 void TAM_UdsKernelProcess::process_input()

@@ -60,6 +60,16 @@ public:
     int get_pid() const { return pid_; }
     bool is_quitting() const { return quitting_; }
 
+    // What has become of the kernel: one of the TAM_KERNEL_... values. The
+    // first thing that ends the stream (quit, end or failure of the socket,
+    // malformed input) stays.
+    int kernel_state() const;
+    // 1 and *status (may be null) once a kernel launched here has ended and
+    // been reaped here; tries a reap without waiting when it has not.
+    int exit_status(int* status);
+    // True once the launched kernel has been reaped: nothing left to wait for.
+    bool is_reaped() const { return reaped_; }
+
     // Puts a client that has announced itself into the pending list.
     int add_kernel(TAM_UdsKernel* kernel);
     // Forgets a client: from the pending list while it has no id (1 even if
@@ -94,6 +104,8 @@ private:
     // One read of at most 1024 bytes, fed to the parser. False when the
     // object was destroyed during the dispatch (it must not be touched).
     bool read_and_dispatch();
+    // Reaps a launched kernel that has ended, without waiting.
+    void try_reap();
 
     int fd_;
     TAM_XmsgParser msgParser_;
@@ -115,6 +127,15 @@ private:
     // dispatch to end.
     int dispatching_;
     bool doomed_;
+
+    // The end of the kernel's stream: its socket read 0 bytes or failed,
+    // or its bytes broke the protocol. The input loop goes on reading such
+    // a socket; these only record what it found.
+    bool closed_;
+    bool malformed_;
+    // A launched kernel reaped by try_reap, and its waitpid status.
+    bool reaped_;
+    int exitStatus_;
 };
 
 #endif

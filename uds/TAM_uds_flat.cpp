@@ -60,6 +60,22 @@ char** TAM_get_uds_kernel_names(void)
     return TAM_UdsKernelProcess::get_kernel_names();
 }
 
+int TAM_get_kernel_state(TAM_KernelImpl* kernel)
+{
+    if (!kernel)
+        return -1;
+    // Every connection a front end holds is a socket connection; anything
+    // else has no kernel process to report on.
+    const TAM_UdsKernel* k = dynamic_cast<const TAM_UdsKernel*>(kernel);
+    return k ? k->get_kernel_state() : TAM_KERNEL_CLOSED;
+}
+
+int TAM_get_kernel_exit_status(TAM_KernelImpl* kernel, int* status)
+{
+    TAM_UdsKernel* k = dynamic_cast<TAM_UdsKernel*>(kernel);
+    return k ? k->get_kernel_exit_status(status) : 0;
+}
+
 void TAM_handle_uds_input(int wait)
 {
     TAM_UdsKernelProcess::handle_input(wait);

@@ -517,8 +517,8 @@ TAMIX_API const char* TAM_get_kernel_name(TAM_KernelImpl* kernel);
 /* The socket of the connection's kernel process, for the front end's own
  * poll or select; all connections of one process share it. Leave the
  * reading to TAM_read_uds_input or TAM_handle_uds_input, and never write to
- * it or close it. (A recv with MSG_PEEK leaves the bytes where they are; it
- * returns 0 when the kernel has closed its end without quitting.) -1 once
+ * it or close it. (TAM_get_kernel_state tells when the kernel has closed
+ * its end without quitting; stop watching the socket then.) -1 once
  * the kernel has quit and the socket is closed. 0 for a null kernel, which
  * is also a valid descriptor: check the handle first. */
 TAMIX_API int TAM_get_client_fd(TAM_KernelImpl* kernel);
@@ -585,6 +585,46 @@ TAMIX_API char** TAM_get_uds_kernel_names(void);
  * sends something. An fd that belongs to no kernel process is ignored. */
 TAMIX_API void TAM_handle_uds_input(int wait);
 TAMIX_API void TAM_read_uds_input(int fd);
+
+/* What has become of a connection's kernel. */
+enum {
+    /* connected; its messages are delivered */
+    TAM_KERNEL_RUNNING = 0,
+    /* the kernel sent its quit message */
+    TAM_KERNEL_QUIT = 1,
+    /* the kernel closed its end without quitting (it ended or was killed) */
+    TAM_KERNEL_CLOSED = 2,
+    /* the kernel's stream broke the protocol; nothing more is delivered */
+    TAM_KERNEL_MALFORMED = 3
+};
+/* The state of the connection's kernel process, as the input loop has
+ * found it: TAM_KERNEL_RUNNING until the loop reads the kernel's quit
+ * message (TAM_KERNEL_QUIT), reads the end of the socket or fails to read
+ * it (TAM_KERNEL_CLOSED), or meets bytes that break the protocol
+ * (TAM_KERNEL_MALFORMED). The first of these that happens stays; all
+ * connections of one process share it. -1 for a null kernel; a connection
+ * without a process gives TAM_KERNEL_CLOSED.
+ *
+ * This is how a front end with its own poll loop learns that a kernel has
+ * gone. The input loop goes on finding a closed socket readable and
+ * reading nothing from it (and goes on reading a malformed stream without
+ * delivering anything), so once the state is no longer TAM_KERNEL_RUNNING,
+ * stop watching TAM_get_client_fd. Requests to a closed kernel fail with 0;
+ * a kernel whose stream was malformed may still take them, but nothing it
+ * answers is delivered. */
+TAMIX_API int TAM_get_kernel_state(TAM_KernelImpl* kernel);
+/* 1 and *status set (a waitpid status) once a kernel this library
+ * launched has ended and was reaped by the library; 0 while it runs, for a
+ * joined kernel, or for null. status may be null.
+ *
+ * The library reaps a launched kernel without waiting (WNOHANG) when the
+ * input loop finds its socket closed or its stream malformed, and again at
+ * each call of this function until the kernel has ended: a kernel closes
+ * its socket a moment before its process is gone, so a front end that
+ * learns of TAM_KERNEL_CLOSED may have to ask a few times. Once the kernel
+ * has been reaped, TAM_delete_kernel does not wait for it. A front end that
+ * reaps the kernel itself (waitpid(-1, ...)) leaves nothing to report. */
+TAMIX_API int TAM_get_kernel_exit_status(TAM_KernelImpl* kernel, int* status);
 
 /* The version of the library in use, "MAJOR.MINOR.PATCH": the run-time
  * counterpart of TAMIX_VERSION_STRING, for a front end that wants to know

@@ -1,7 +1,7 @@
 // tamcon end to end: the console runs in a scratch directory whose ./tamkern
 // is the scripted stand-in kernel, with standard input from a file.
-#include <sys/wait.h>
 
+#include "common/Run.h"
 #include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
@@ -37,28 +37,11 @@ std::string answer(const std::string& text)
 }
 const std::string kFinished = "wait_for </cmd>\nsend <finished cl=\"1\" cid=\"0\"/>\n";
 
-struct RunResult {
-    int status; // exit status; 137 when killed for taking too long
-    std::string out, err;
-};
-
-// Runs program in dir with input as standard input, for at most 60 s; the
-// standard streams go through files in io.
-RunResult runProgram(const std::string& program, const std::string& dir, const std::string& input,
-                     const std::string& io)
-{
-    std::ofstream(io + "/in", std::ios::binary) << input;
-    int st = system(("cd '" + dir + "' && exec timeout -s KILL 60 '" + program + "' <'" + io +
-                     "/in' >'" + io + "/out' 2>'" + io + "/err'")
-                        .c_str());
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(io + "/out"), readFile(io + "/err")};
-}
-
 // The console with the stand-in kernel as its ./tamkern.
 RunResult runConsole(const Scenario& s, const std::string& input)
 {
     EXPECT_EQ(symlink(TAMIX_SCRIPTED_KERNEL, (s.dir + "/tamkern").c_str()), 0);
-    return runProgram(TAMIX_CONSOLE, s.dir, input, s.dir);
+    return runProgram(std::string("'") + TAMIX_CONSOLE + "'", s.dir, input, s.dir);
 }
 
 } // namespace
@@ -91,7 +74,7 @@ TEST(Console, SessionEndedByQuit)
 TEST(Console, NoKernelEndOfInputAndTheKernelsQuit)
 {
     Scenario none(""); // no ./tamkern to start
-    RunResult r = runProgram(TAMIX_CONSOLE, none.dir, "quit\n", none.dir);
+    RunResult r = runProgram(std::string("'") + TAMIX_CONSOLE + "'", none.dir, "quit\n", none.dir);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "can not create kernel object\n");
     EXPECT_EQ(r.out, "");
@@ -118,7 +101,7 @@ TEST(ConsoleRealKernel, DifferentiatesWithGiac)
     if (access((bin + "/tamkern").c_str(), X_OK) != 0)
         GTEST_SKIP() << "no " << bin << "/tamkern in this build";
     Scenario io("");
-    RunResult r = runProgram(bin + "/tamcon", bin, "diff(sin(x)*x,x)\nquit\n", io.dir);
+    RunResult r = runProgram("./tamcon", bin, "diff(sin(x)*x,x)\nquit\n", io.dir);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind(kGreeting, 0), 0u) << r.out;
     EXPECT_NE(r.out.find("cos(x)*x+sin(x)\n"), std::string::npos) << r.out;

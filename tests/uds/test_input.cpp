@@ -2,6 +2,9 @@
 // malformed input, closed sockets, and handlers that change the set of
 // connections and processes while the loop walks over it.
 #include <sys/ioctl.h>
+#include <sys/wait.h>
+
+#include <cerrno>
 
 #include "common/ScriptedKernel.h"
 
@@ -167,4 +170,73 @@ TEST_F(UdsInput, HandlerDeletesAndCreatesProcessesDuringTheWalk)
     TAM_delete_kernel(a);
     // c was announced once, by the handler.
     EXPECT_EQ(sc.received(), newClient("", "") + "<quit cl=\"1\"/>");
+}
+
+// What a front end with its own poll loop learns of a kernel that goes: the
+// state that ended its stream, and the exit status of a launched kernel,
+// reaped by the library so that the deletion does not wait.
+TEST_F(UdsInput, KernelStateAndExitStatus)
+{
+    EXPECT_EQ(TAM_get_kernel_state(nullptr), -1);
+    EXPECT_EQ(TAM_get_kernel_exit_status(nullptr, nullptr), 0);
+    struct Case {
+        const char* steps;
+        int state;
+        bool ends; // the kernel ends by itself once its stream has ended
+        bool (*status)(int);
+    };
+    const Case cases[] = {
+        {"close\nsleep_ms 300\nexit 3\n", TAM_KERNEL_CLOSED, true,
+         [](int st) { return WIFEXITED(st) && WEXITSTATUS(st) == 3; }},
+        {"kill\n", TAM_KERNEL_CLOSED, true,
+         [](int st) { return WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL; }},
+        {"send <<oops>\ndrain\nexit 0\n", TAM_KERNEL_MALFORMED, false, nullptr},
+        {"send <quit/>\nsleep_ms 500\nexit 0\n", TAM_KERNEL_QUIT, false, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.steps);
+        Scenario s(kBound + c.steps);
+        TAM_KernelImpl* k = launch();
+        ASSERT_EQ(TAM_send_new_client(k, nullptr, nullptr, 0), 1);
+        EXPECT_EQ(TAM_get_kernel_state(k), TAM_KERNEL_RUNNING);
+        ASSERT_TRUE(pumpUntil([k] { return TAM_get_kernel_state(k) != TAM_KERNEL_RUNNING; }));
+        EXPECT_EQ(TAM_get_kernel_state(k), c.state);
+        int status = -1;
+        if (c.ends) {
+            // Reaped once the process is gone, by the loop or the query.
+            ASSERT_TRUE(waitFor([&] { return TAM_get_kernel_exit_status(k, &status) == 1; }, 5000));
+            EXPECT_TRUE(c.status(status)) << status;
+            EXPECT_EQ(TAM_get_kernel_exit_status(k, nullptr), 1);
+        } else {
+            EXPECT_EQ(TAM_get_kernel_exit_status(k, &status), 0);
+            EXPECT_EQ(status, -1);
+        }
+        // The state stays, and the loop goes on reading the socket as before.
+        TAM_handle_uds_input(0);
+        EXPECT_EQ(TAM_get_kernel_state(k), c.state);
+        TAM_delete_kernel(k);
+        EXPECT_FALSE(alive(s.pid()));
+        errno = 0;
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+        EXPECT_EQ(errno, ECHILD);
+    }
+}
+
+TEST_F(UdsInput, AJoinedKernelHasNoExitStatus)
+{
+    Scenario s("listen\naccept\naccept\nclose\nsleep_ms 100\nexit 0\n");
+    TAM_KernelImpl* owner = launch();
+    ASSERT_NE(owner, nullptr);
+    TAM_KernelImpl* joined =
+        withoutSocketFile(TAM_connect_uds_kernel(TAM_get_listen_path(owner), nullptr));
+    ASSERT_NE(joined, nullptr);
+    // The kernel closes the joined connection, then ends, closing the other.
+    ASSERT_TRUE(pumpUntil([&] {
+        return TAM_get_kernel_state(joined) == TAM_KERNEL_CLOSED &&
+               TAM_get_kernel_state(owner) == TAM_KERNEL_CLOSED;
+    }));
+    ASSERT_TRUE(waitFor([&] { return TAM_get_kernel_exit_status(owner, nullptr) == 1; }, 5000));
+    EXPECT_EQ(TAM_get_kernel_exit_status(joined, nullptr), 0);
+    TAM_delete_kernel(joined);
+    TAM_delete_kernel(owner);
 }
