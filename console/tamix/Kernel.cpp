@@ -119,10 +119,10 @@ bool KernelLink::start(const KernelConfig& config, std::string& error)
             error = "the kernel " + config.kernelPath + " did not start";
     } else {
         kernel_ = TAM_connect_uds_kernel(config.connectPath.c_str(), "tamix");
+        // Leaving deletes the kernel's socket file; the reference kernel
+        // notices and listens again at the same path.
         if (!kernel_)
             error = "no kernel to join at " + config.connectPath;
-        else
-            keepSocketName();
     }
     if (!kernel_)
         return false;
@@ -168,12 +168,10 @@ void KernelLink::end(bool force)
         if (pid_t pid = kernelPid())
             kill(pid, SIGKILL);
     }
-    const bool listening = !gone_;
     TAM_delete_kernel(kernel_);
     kernel_ = nullptr;
     ready_ = running_ = false;
     queue_.clear();
-    restoreSocketName(listening);
 }
 
 bool KernelLink::restart(std::string& error)
@@ -194,25 +192,6 @@ pid_t KernelLink::kernelPid() const
     // Only a child of this program: never signal a process that is not the
     // kernel launched here.
     return parentOf(cred.pid) == getpid() ? cred.pid : 0;
-}
-
-void KernelLink::keepSocketName()
-{
-    keptName_ = config_.connectPath + ".tamix-" + std::to_string(getpid());
-    if (link(config_.connectPath.c_str(), keptName_.c_str()) != 0)
-        keptName_.clear();
-}
-
-void KernelLink::restoreSocketName(bool listening)
-{
-    if (keptName_.empty())
-        return;
-    // Only for a kernel that still listens, and where nothing has taken
-    // the name in the meantime.
-    if (listening && link(keptName_.c_str(), config_.connectPath.c_str()) != 0 && errno != EEXIST)
-        perror(("tamix: " + config_.connectPath).c_str());
-    unlink(keptName_.c_str());
-    keptName_.clear();
 }
 
 int KernelLink::watchFd() const

@@ -112,9 +112,6 @@ private:
     // The process id of a kernel this program launched, from its socket; 0
     // when unknown.
     pid_t kernelPid() const;
-    void keepSocketName();
-    // listening: the kernel was still there when the console left it.
-    void restoreSocketName(bool listening);
 
     static void onInitWanted(TAM_KernelImpl* k);
     static void onKernelReady(TAM_KernelImpl* k);
@@ -146,7 +143,6 @@ private:
     bool widthAsked_ = false;
     // A second name of a joined kernel's socket file, which the library
     // removes when the console leaves; restored afterwards.
-    std::string keptName_;
 };
 
 } // namespace tamix

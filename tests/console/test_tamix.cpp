@@ -220,7 +220,7 @@ TEST(TamixTerminal, CtrlCStopsTheCommandAndAKilledKernelIsReported)
     EXPECT_EQ(t.exitStatus(), 0);
 }
 
-// What the reference kernel does not do yet: a plot file, and a command that
+// The scripted kernel: a plot file opened by a viewer, and a command that
 // ignores the stop request, so that a second Ctrl-C offers a restart.
 TEST(TamixTerminal, PlotFileAndARestartWhenTheKernelDoesNotStop)
 {
@@ -327,6 +327,13 @@ TEST(TamixPipe, ExactOutputsAndExitStatus)
         EXPECT_EQ(r.err, c.want.err);
         EXPECT_EQ(r.status, c.want.status);
     }
+    // A plot of the reference kernel arrives as a file; its path comes first,
+    // the kernel's short result line after it.
+    RunResult r = runProgram(tamix + " -e 'plot(x^2,x=-1..1)'", io.dir, "", io.dir);
+    EXPECT_TRUE(
+        std::regex_match(r.out, std::regex("plot: /.*/plot-1\\.svg\n2-D plot: plot-1\\.svg\n")))
+        << r.out;
+    EXPECT_EQ(r.status, 0);
 }
 
 // A kernel of its own, joined by its socket: directly, and through a relay
