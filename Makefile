@@ -7,7 +7,7 @@ JOBS    ?= $(shell nproc)
 CMAKE_FLAGS ?=
 PREFIX  ?= /usr/local
 
-.PHONY: all setup build run run-tamcon test sanitize bench install clean
+.PHONY: all setup build run run-tamcon test sanitize bench install fuzz clean
 
 all: build
 
@@ -45,5 +45,10 @@ bench: build
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
+# Every fuzz harness for FUZZ_SECONDS (default 60) from its stored corpus
+# (clang); FUZZ_MERGE=1 keeps what they found. See scripts/fuzz.sh.
+fuzz:
+	./scripts/fuzz.sh
+
 clean:
-	rm -rf $(BUILD) $(ASAN)
+	rm -rf $(BUILD) $(ASAN) build-fuzz

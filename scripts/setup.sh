@@ -11,6 +11,8 @@ packages=(
   libreadline-dev
   locales
 )
+# Further packages a caller needs (scripts/fuzz.sh asks for clang).
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
