@@ -87,10 +87,28 @@ public:
     long write(const void* data, unsigned long len, unsigned long& count) override;
     long set_size(unsigned long size) override;
 
+protected:
+    // Moves the buffer, content and position kept, to a block of capacity
+    // bytes (more than size_). OutOfMemory leaves the stream as it was.
+    long reallocate(unsigned long capacity);
+
 private:
     unsigned char local_[512];
     unsigned char* heap_;
     unsigned long incr_;
+};
+
+// A heap stream whose capacity at least doubles whenever it grows. Fixed
+// steps copy the whole buffer once per step, so collecting N bytes costs
+// O(N^2): for a result of 10 MB in 512-byte steps that is minutes of
+// copying and page faults. The library's request, message and payload
+// buffers therefore grow geometrically, which keeps receiving or sending N
+// bytes O(N); otherwise the stream behaves as a (512, 512) heap stream.
+class TKgrowingStream : public TKheapStream {
+public:
+    TKgrowingStream() : TKheapStream(512, 512) {}
+
+    long set_size(unsigned long size) override;
 };
 
 // A memory stream over a fixed caller buffer, which it never frees or grows.

@@ -52,7 +52,7 @@ protected:
 private:
     TAM_UdsKernelProcess* proc_;
     long clientId_;
-    TKheapStream stream_;
+    TKgrowingStream stream_;
 };
 
 #endif

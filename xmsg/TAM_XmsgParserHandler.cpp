@@ -177,8 +177,8 @@ const char** strings(std::vector<char*>& v)
 // ---- construction ----------------------------------------------------------
 
 TAM_XmsgParserHandler::TAM_XmsgParserHandler()
-    : kernel_(nullptr), hasData_(false), content_(512, 512), inText_(false), inMCode_(false),
-      cookie_(0), textInput_(0), fmtCount_(0), level_(0)
+    : kernel_(nullptr), hasData_(false), inText_(false), inMCode_(false), cookie_(0), textInput_(0),
+      fmtCount_(0), level_(0)
 {
     // A message without text reads its content as the empty text.
     emptyContent();

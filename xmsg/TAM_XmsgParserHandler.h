@@ -126,7 +126,7 @@ protected:
     TAM_KernelImpl* kernel_;           // current client, not owned
     TKpayloadDecoder decoder_;         // base64 and inflate state: mcode text to bytes
     bool hasData_;                     // the message carries a payload
-    TKheapStream content_;             // text (locale) or payload bytes
+    TKgrowingStream content_;          // text (locale) or payload bytes; grows geometrically
     bool inText_;                      // character data is text content
     bool inMCode_;                     // character data is base64 payload
     int64_t cookie_;                   // "cid" of the message
