@@ -99,6 +99,10 @@ char* locToUtf8Copy(const char* src, long len, unsigned long* outLen = nullptr);
 long locToUtf8Length(const char* src, long len);
 
 // UTF-8 -> loc
+// Whether utf8ToLoc would give back exactly these bytes (ASCII under an
+// encoding that keeps ASCII as it is, well-formed UTF-8 under UTF-8), so
+// that a caller may take them as they are. Never needs QtCore.
+bool utf8ToLocUnchanged(const char* src, long len);
 long utf8ToLoc(const char* src, long len, char* dst, unsigned long dstLen);
 long utf8ToLoc(const char* src, long len, FlexBuff<char>& buf);
 char* utf8ToLocCopy(const char* src, long len, unsigned long* outLen = nullptr);
