@@ -29,21 +29,21 @@ bool suspended(XML_Parser p)
 
 void XMLCALL TAM_XmsgParser::guardedStart(void* userData, const char* name, const char** atts)
 {
-    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
-    // expat may still report an empty element's end after a stop; the
-    // message that threw gets no further events.
-    if (suspended(p))
-        return;
+    // expat checks for a stop after every token, and a start tag is the
+    // first event of its token: nothing can come here after a stop.
     try {
         startHdl(userData, name, atts);
     } catch (...) {
-        XML_StopParser(p, XML_TRUE);
+        XML_StopParser(static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_,
+                       XML_TRUE);
     }
 }
 
 void XMLCALL TAM_XmsgParser::guardedEnd(void* userData, const char* name)
 {
     XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
+    // expat may still report an empty element's end after a stop in its
+    // start; the message that threw gets no further events.
     if (suspended(p))
         return;
     try {
@@ -55,13 +55,12 @@ void XMLCALL TAM_XmsgParser::guardedEnd(void* userData, const char* name)
 
 void XMLCALL TAM_XmsgParser::guardedChars(void* userData, const char* data, int len)
 {
-    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
-    if (suspended(p))
-        return;
+    // A run of text is a token of its own, like a start tag.
     try {
         charHdl(userData, data, len);
     } catch (...) {
-        XML_StopParser(p, XML_TRUE);
+        XML_StopParser(static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_,
+                       XML_TRUE);
     }
 }
 

@@ -11,8 +11,8 @@
 #ifndef TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 #define TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "kernel/TAM_KernelImpl.h"
@@ -115,6 +115,36 @@ public:
     const char* formatName(const char* name);
 
 protected:
+    // A NUL-terminated text that keeps its largest storage, so that a value
+    // no longer than an earlier one is copied without allocating and without
+    // a call.
+    class Text {
+    public:
+        Text() = default;
+        ~Text();
+        Text(const Text&) = delete;
+        Text& operator=(const Text&) = delete;
+
+        // Copies s. Throws std::bad_alloc (and is then empty) when a longer
+        // value than ever before finds no memory.
+        void assign(const char* s)
+        {
+            for (std::size_t i = 0; i < cap_; ++i)
+                if ((data_[i] = s[i]) == '\0')
+                    return;
+            assignLong(s);
+        }
+        void clear() { data_[0] = '\0'; }
+        const char* c_str() const { return data_; }
+
+    private:
+        void assignLong(const char* s);
+
+        char local_[32] = "";
+        char* data_ = local_;
+        std::size_t cap_ = sizeof local_;
+    };
+
     // Appends a locale copy of the UTF-8 text (empty for null) to list.
     static void appendLocCopy(std::vector<char*>& list, const char* utf8);
     // Empties the content so that it reads as the empty text.
@@ -130,8 +160,8 @@ protected:
     bool inText_;                      // character data is text content
     bool inMCode_;                     // character data is base64 payload
     int64_t cookie_;                   // "cid" of the message
-    std::string type_;                 // "type", raw UTF-8
-    std::string format_;               // "format" of text or mcode, raw UTF-8
+    Text type_;                        // "type", raw UTF-8
+    Text format_;                      // "format" of text or mcode, raw UTF-8
     int32_t textInput_;                // "text" flag of sendinput
     std::vector<const char*> fmtList_; // formats of this message, interned
     std::vector<char*> fmtNames_;      // every distinct format name (malloc)
