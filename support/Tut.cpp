@@ -73,11 +73,11 @@ bool isAsciiCompatible(const char* codeset)
 // What the short way needs to know about the locale's encoding, from the
 // codeset name alone: text that passes unchanged never wakes QtCore.
 struct LocaleEncoding {
-    bool utf8 = false;  // UTF-8 itself: valid UTF-8 passes through unchanged
-    bool ascii = false; // maps the ASCII range to itself, both ways
+    bool utf8 = false;
+    bool ascii = false;
 };
 
-const LocaleEncoding& localeEncoding()
+LocaleEncoding localeEncoding()
 {
     static CodesetWatch watch;
     static LocaleEncoding enc;
@@ -167,21 +167,26 @@ bool isWellFormedUtf8(const unsigned char* p, std::size_t n)
     return true;
 }
 
-// Whether converting n bytes of src between the locale's encoding and UTF-8
-// (either way) gives the same bytes, so that no QString needs to be built:
-// ASCII under an ASCII-compatible encoding, or well-formed UTF-8 under
-// UTF-8. A leading byte order mark is left to Qt, which drops it, and so is
+// Whether converting n bytes of src between an encoding and UTF-8 (either
+// way) gives the same bytes, so that no QString needs to be built: ASCII
+// under an ASCII-compatible encoding, or well-formed UTF-8 under UTF-8. A
+// leading byte order mark is left to Qt, which drops it, and so is
 // malformed UTF-8, which Qt replaces.
-bool passesUnchanged(const char* src, long n)
+bool passesUnchanged(LocaleEncoding enc, const char* src, long n)
 {
-    const LocaleEncoding& lc = localeEncoding();
     const auto* p = reinterpret_cast<const unsigned char*>(src);
     const auto len = static_cast<std::size_t>(n);
-    if (lc.ascii && isAscii(p, len))
+    if (enc.ascii && isAscii(p, len))
         return true;
-    if (!lc.utf8 || (len >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF))
+    if (!enc.utf8 || (len >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF))
         return false;
     return isWellFormedUtf8(p, len);
+}
+
+// The same under the current locale's encoding.
+bool passesUnchanged(const char* src, long n)
+{
+    return passesUnchanged(localeEncoding(), src, n);
 }
 
 // Input length in units; a negative len means NUL-terminated, a null src
@@ -321,6 +326,18 @@ char* locToUtf8Copy(const char* src, long len, unsigned long* outLen)
 bool utf8ToLocUnchanged(const char* src, long len)
 {
     return passesUnchanged(src, inputLength(src, len));
+}
+
+void Utf8PassThrough::refresh()
+{
+    const LocaleEncoding enc = localeEncoding();
+    utf8_ = enc.utf8;
+    ascii_ = enc.ascii;
+}
+
+bool Utf8PassThrough::keeps(const char* src, long len) const
+{
+    return passesUnchanged(LocaleEncoding{utf8_, ascii_}, src, inputLength(src, len));
 }
 
 long utf8ToLocLength(const char* src, long len)

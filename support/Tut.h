@@ -103,6 +103,20 @@ long locToUtf8Length(const char* src, long len);
 // encoding that keeps ASCII as it is, well-formed UTF-8 under UTF-8), so
 // that a caller may take them as they are. Never needs QtCore.
 bool utf8ToLocUnchanged(const char* src, long len);
+
+// utf8ToLocUnchanged with the locale's encoding read once: for a caller
+// that checks many pieces of text between moments at which the locale may
+// change. It answers for the locale as it was at the last refresh(), so the
+// caller refreshes it whenever code that might call setlocale has run.
+class Utf8PassThrough {
+public:
+    void refresh();
+    bool keeps(const char* src, long len) const;
+
+private:
+    bool utf8_ = false;  // UTF-8 itself: well-formed UTF-8 passes unchanged
+    bool ascii_ = false; // maps the ASCII range to itself, both ways
+};
 long utf8ToLoc(const char* src, long len, char* dst, unsigned long dstLen);
 long utf8ToLoc(const char* src, long len, FlexBuff<char>& buf);
 char* utf8ToLocCopy(const char* src, long len, unsigned long* outLen = nullptr);

@@ -82,6 +82,9 @@ bool TAM_XmsgParser::init()
 
 bool TAM_XmsgParser::saveParse(const char* data, int len)
 {
+    // The constructor takes only this kind of handler.
+    if (handler_)
+        static_cast<TAM_XmsgParserHandler*>(handler_)->beforeChunk();
     bool ok;
     try {
         ok = parse(data, len, false);

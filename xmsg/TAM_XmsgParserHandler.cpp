@@ -332,7 +332,11 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         // itself. A chunk that does not fit is lost; the message keeps what
         // fitted.
         unsigned long count = 0;
-        if (Tut::utf8ToLocUnchanged(data, len)) {
+        if (!localeRead_) {
+            passThrough_.refresh();
+            localeRead_ = true;
+        }
+        if (passThrough_.keeps(data, len)) {
             content_.write(data, static_cast<unsigned long>(len), count);
             return;
         }
@@ -348,6 +352,7 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
 
 void TAM_XmsgParserHandler::cleanup()
 {
+    localeRead_ = false;
     emptyContent();
     inText_ = false;
     inMCode_ = false;
@@ -753,9 +758,11 @@ const TAM_XmsgParserHandler::Rules::Rule* TAM_XmsgParserHandler::Rules::find(int
 
 void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
-    // Text is collected only up to the next known tag.
+    // Text is collected only up to the next known tag; the handlers that run
+    // here may change the locale.
     inText_ = false;
     inMCode_ = false;
+    localeRead_ = false;
     const Rules::Rule* rule = Rules::find(id);
     // A part of a message without a client is ignored whole.
     if (!rule || (rule->context == Rules::Part && !kernel_))
@@ -788,6 +795,7 @@ void TAM_XmsgParserHandler::endElement(int, int id)
 {
     inText_ = false;
     inMCode_ = false;
+    localeRead_ = false;
     const Rules::Rule* rule = Rules::find(id);
     if (rule && rule->end)
         rule->end(*this);

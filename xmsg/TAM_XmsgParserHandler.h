@@ -18,6 +18,7 @@
 #include "kernel/TAM_KernelImpl.h"
 #include "support/TKT_stream.h"
 #include "support/TKpayload.h"
+#include "support/Tut.h"
 #include "xml/Handler.h"
 
 class TAM_XmsgParserHandler : public Xml::Handler {
@@ -113,6 +114,9 @@ public:
     // The interned copy of name, valid for the life of this handler.
     // Throws std::bad_alloc when a new name cannot be copied.
     const char* formatName(const char* name);
+    // A new chunk of input follows: code outside the parser may have
+    // changed the locale since the last one.
+    void beforeChunk() { localeRead_ = false; }
 
 protected:
     // A NUL-terminated text that keeps its largest storage, so that a value
@@ -170,6 +174,11 @@ protected:
     std::vector<long> dbgPositions_;
     std::vector<char*> dbgTexts_; // locale, malloc'd
     int64_t level_;               // "level" of callstack
+    // Which text content needs no conversion under the locale, read once
+    // per run of text: the locale can change only when code outside the
+    // reader runs (a client handler at a tag, the caller between chunks).
+    Tut::Utf8PassThrough passThrough_;
+    bool localeRead_ = false;
 
 private:
     // What each element does at its start and end tag; one rule per element.
