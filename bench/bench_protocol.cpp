@@ -96,7 +96,7 @@ struct PlainExpat {
     }
 };
 
-const int kReadsPerRound = 40;
+const int kReadsPerRound = 4;
 
 void BM_ReadShortMessages(benchmark::State& state)
 {
@@ -121,10 +121,10 @@ void BM_ReadShortMessages(benchmark::State& state)
         return state.SkipWithError("messages were lost");
     pairs.report(Goal::AtLeast, 2.0 * kPairs * kReadsPerRound);
 }
-BENCHMARK(BM_ReadShortMessages)->Iterations(31)->UseManualTime();
+BENCHMARK(BM_ReadShortMessages)->Iterations(301)->UseManualTime();
 const bool kReadBudget =
     addBudget({"reading short output+finished messages vs plain expat (throughput)",
-               "BM_ReadShortMessages/iterations:31/manual_time", "ratio", Goal::AtLeast, 0.85});
+               "BM_ReadShortMessages/iterations:301/manual_time", "ratio", Goal::AtLeast, 0.85});
 
 void BM_AllocationsPerMessage(benchmark::State& state)
 {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 class TKstream {
 public:
@@ -109,6 +110,21 @@ public:
     TKgrowingStream() : TKheapStream(512, 512) {}
 
     long set_size(unsigned long size) override;
+
+    // write() for the library's per-message paths: the case with room left
+    // runs inline, anything else goes to write(). Same result and status.
+    long append(const void* data, unsigned long len)
+    {
+        if (data && len <= size_ - static_cast<unsigned long>(pos_ - data_)) {
+            std::memmove(pos_, data, len);
+            pos_ += len;
+            if (pos_ > end_)
+                end_ = pos_;
+            return status(Ok);
+        }
+        unsigned long count;
+        return write(data, len, count);
+    }
 };
 
 // A memory stream over a fixed caller buffer, which it never frees or grows.

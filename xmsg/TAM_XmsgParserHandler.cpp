@@ -331,18 +331,17 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         // expat never splits a character across chunks, so each converts by
         // itself. A chunk that does not fit is lost; the message keeps what
         // fitted.
-        unsigned long count = 0;
         if (!localeRead_) {
             passThrough_.refresh();
             localeRead_ = true;
         }
         if (passThrough_.keeps(data, len)) {
-            content_.write(data, static_cast<unsigned long>(len), count);
+            content_.append(data, static_cast<unsigned long>(len));
             return;
         }
         Tut::FlexBuff<char> buf;
         const long n = Tut::utf8ToLoc(data, len, buf);
-        content_.write(buf.data(), static_cast<unsigned long>(n), count);
+        content_.append(buf.data(), static_cast<unsigned long>(n));
     } else if (inMCode_) {
         // A failed append to the content loses the rest of this chunk only.
         TKstreamSink sink(content_);
@@ -593,8 +592,7 @@ struct TAM_XmsgParserHandler::Rules {
 
     static void endText(H& h)
     {
-        unsigned long count = 0;
-        h.content_.write("", 1, count);
+        h.content_.append("", 1);
         h.content_.rewind();
     }
 

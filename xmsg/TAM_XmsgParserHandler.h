@@ -133,8 +133,12 @@ protected:
         // value than ever before finds no memory.
         void assign(const char* s)
         {
-            for (std::size_t i = 0; i < cap_; ++i)
-                if ((data_[i] = s[i]) == '\0')
+            // Locals: a store through a char pointer could change the
+            // members, which would otherwise be read again per byte.
+            char* const d = data_;
+            const std::size_t cap = cap_;
+            for (std::size_t i = 0; i < cap; ++i)
+                if ((d[i] = s[i]) == '\0')
                     return;
             assignLong(s);
         }

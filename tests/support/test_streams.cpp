@@ -116,7 +116,14 @@ TEST(GrowingStream, AtLeastDoublesAndKeepsContentAndPosition)
     EXPECT_EQ("heap 3513", g.where());
     EXPECT_EQ(Ok, put(g, "f"));
     EXPECT_EQ("heap 7026", g.where());
-    std::string expected = std::string(510, 'a') + "bcd" + std::string(3000, 'e') + "f";
+    // append() is write() without a count: inline with room, growing without.
+    g.log.clear();
+    EXPECT_EQ(Ok, g.append("gh", 2));
+    EXPECT_EQ(Ok, g.append(std::string(4000, 'i').data(), 4000));
+    EXPECT_EQ("heap 14052", g.where());
+    EXPECT_EQ((std::vector<long>{Ok, Ok, Ok}), g.log); // the growth records too
+    std::string expected = std::string(510, 'a') + "bcd" + std::string(3000, 'e') + "f" + "gh" +
+                           std::string(4000, 'i');
     EXPECT_EQ(expected, g.text());
 
     // A megabyte written in small pieces moves the buffer a few times only.
