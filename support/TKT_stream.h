@@ -111,6 +111,9 @@ public:
 
     long set_size(unsigned long size) override;
 
+    // length() == 0, without its precondition check.
+    bool empty() const { return end_ == data_; }
+
     // write() for the library's per-message paths: the case with room left
     // runs inline, anything else goes to write(). Same result and status.
     long append(const void* data, unsigned long len)

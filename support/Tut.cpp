@@ -335,7 +335,7 @@ void Utf8PassThrough::refresh()
     ascii_ = enc.ascii;
 }
 
-bool Utf8PassThrough::keeps(const char* src, long len) const
+bool Utf8PassThrough::keepsOtherwise(const char* src, long len) const
 {
     return passesUnchanged(LocaleEncoding{utf8_, ascii_}, src, inputLength(src, len));
 }

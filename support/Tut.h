@@ -111,9 +111,23 @@ bool utf8ToLocUnchanged(const char* src, long len);
 class Utf8PassThrough {
 public:
     void refresh();
-    bool keeps(const char* src, long len) const;
+    // ASCII under an ASCII-keeping encoding is settled here, without a call:
+    // a result laid out in lines arrives as two pieces per line.
+    bool keeps(const char* src, long len) const
+    {
+        if (ascii_ && src && len >= 0) {
+            unsigned char high = 0;
+            for (long i = 0; i < len; ++i)
+                high |= static_cast<unsigned char>(src[i]);
+            if ((high & 0x80) == 0)
+                return true;
+        }
+        return keepsOtherwise(src, len);
+    }
 
 private:
+    bool keepsOtherwise(const char* src, long len) const;
+
     bool utf8_ = false;  // UTF-8 itself: well-formed UTF-8 passes unchanged
     bool ascii_ = false; // maps the ASCII range to itself, both ways
 };

@@ -308,7 +308,7 @@ void TAM_XmsgParserHandler::appendLocCopy(std::vector<char*>& list, const char* 
 void TAM_XmsgParserHandler::emptyContent()
 {
     // Nothing written since it was last emptied: it still reads as empty.
-    if (content_.length() == 0)
+    if (content_.empty())
         return;
     content_.clear();
     content_.rewind();
