@@ -9,14 +9,15 @@
 #include <memory>
 #include <string>
 
-#include "bench_alloc.h"
 #include "bench_budgets.h"
 #include "bench_clients.h"
 #include "bench_wire.h"
+#include "common/AllocCount.h"
 
 namespace {
 
 using benchwire::kResultSizes;
+using tamixtest::allocationsDuring;
 
 const char* sizeName(long n)
 {
@@ -182,6 +183,8 @@ const bool kRoundTripBudget =
 // steady state, per call.
 void BM_AllocationsPerCall(benchmark::State& state)
 {
+    if (!tamixtest::allocationsCounted())
+        return state.SkipWithError("allocations are not counted in this build");
     std::unique_ptr<LibClient> c(LibClient::launch(TAMIX_BENCH_KERNEL));
     if (!c || !trips(*c, "x"))
         return state.SkipWithError("no kernel");
@@ -189,17 +192,13 @@ void BM_AllocationsPerCall(benchmark::State& state)
     TAM_KernelImpl* k = c->kernel();
     for (auto _ : state) {
         for (int i = 0; i < 100; ++i) {
-            {
-                AllocCount count;
-                if (!TAM_send_cmd(k, nullptr, "x"))
-                    return state.SkipWithError("a request failed");
-                sendAllocs += count.allocations();
-            }
+            int sent = 0;
+            sendAllocs += allocationsDuring([&] { sent = TAM_send_cmd(k, nullptr, "x"); });
+            if (!sent)
+                return state.SkipWithError("a request failed");
             ++sends;
             // The answer comes in one piece: one call reads and delivers it.
-            AllocCount count;
-            TAM_handle_uds_input(1);
-            loopAllocs += count.allocations();
+            loopAllocs += allocationsDuring([] { TAM_handle_uds_input(1); });
             ++loopCalls;
         }
     }
