@@ -16,7 +16,9 @@
 #ifndef TAMIX_SUPPORT_TUT_H
 #define TAMIX_SUPPORT_TUT_H
 
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 
@@ -116,10 +118,16 @@ public:
     bool keeps(const char* src, long len) const
     {
         if (ascii_ && src && len >= 0) {
-            unsigned char high = 0;
-            for (long i = 0; i < len; ++i)
+            uint64_t high = 0;
+            long i = 0;
+            for (; i + 8 <= len; i += 8) {
+                uint64_t w;
+                std::memcpy(&w, src + i, 8);
+                high |= w;
+            }
+            for (; i < len; ++i)
                 high |= static_cast<unsigned char>(src[i]);
-            if ((high & 0x80) == 0)
+            if ((high & 0x8080808080808080ull) == 0)
                 return true;
         }
         return keepsOtherwise(src, len);
