@@ -89,7 +89,7 @@ int printTable(const RecordingReporter& r)
         std::snprintf(goal, sizeof goal, "%s %.2f", b.goal == Goal::AtMost ? "<=" : ">=", b.limit);
         char ratio[16] = "-";
         if (value && paired)
-            std::snprintf(ratio, sizeof ratio, "%.2f", *value);
+            std::snprintf(ratio, sizeof ratio, "%.3f", *value);
         std::printf(
             "%-62s %12s %12s %7s %9s  %s\n", b.row,
             figure(paired ? r.counter(b.benchmark, "measured_us") : value, paired ? "us" : "")
