@@ -55,6 +55,8 @@ TEST(Reader, MessagesDeliveredAtTheirStartTag)
         "<textwidth cl=\"1\" value=\"-5\"/><textwidth cl=\"2\" value=\" 80cols\"/>"
         "<status cl=\"1\" sec=\"3\" res=\"2\" used=\"100\"/><status cl=\"1\" enc=\"1\" Used=\"4\" "
         "used=\"abc\"/>"
+        "<status cl=\"1\" used=\"+7\" res=\"99999999999999999999\" "
+        "sec=\" -000000000000000000012x\"/>"
         "<ready cl=\"abc\"/><ready cl=\" 2\"/>",
         {"#1 ready",
          "#2 init_wanted",
@@ -79,6 +81,7 @@ TEST(Reader, MessagesDeliveredAtTheirStartTag)
          "#2 textwidth 80",
          "#1 status 100 2 3",
          "#1 status 0 0 0",
+         "#1 status 7 9223372036854775807 -12",
          "#0 ready",
          "#2 ready"});
 }
@@ -311,7 +314,7 @@ TEST(Reader, ThrowingHandlersThenNormalMessages)
             "<output cl=\"1\" cid=\"9\" type=\"ty\"><text format=\"fo\">first</text></output>",
             how));
         EXPECT_EQ(s.reader.content_.length(), 0u);
-        EXPECT_EQ(s.reader.type_ + s.reader.format_, "");
+        EXPECT_EQ(std::string(s.reader.type_.c_str()) + s.reader.format_.c_str(), "");
         EXPECT_EQ(s.reader.cookie_, 0);
         EXPECT_FALSE(s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\"/></breakpoints>", how));
         EXPECT_TRUE(s.reader.dbgNames_.empty() && s.reader.dbgTexts_.empty() &&
@@ -345,7 +348,7 @@ TEST(Reader, MalformedInputCleansUpAndFailsEveryLaterChunk)
         "<text format=\"f\">abc<breakpt fname=\"x\"/><fmt name=\"b\"/>"));
     ASSERT_EQ(s.reader.dbgNames_.size() + s.reader.fmtCount_ + s.reader.content_.length(), 5u);
     EXPECT_FALSE(s.feed("</oops>"));
-    EXPECT_EQ(s.reader.type_ + s.reader.format_, "");
+    EXPECT_EQ(std::string(s.reader.type_.c_str()) + s.reader.format_.c_str(), "");
     EXPECT_EQ(s.reader.cookie_, 0);
     EXPECT_EQ(s.reader.fmtCount_, 0);
     EXPECT_EQ(s.reader.content_.length(), 0u);
