@@ -201,8 +201,10 @@ TAM_XmsgParserHandler::TAM_XmsgParserHandler()
     : kernel_(nullptr), hasData_(false), inText_(false), inMCode_(false), cookie_(0), textInput_(0),
       fmtCount_(0), level_(0)
 {
-    // A message without text reads its content as the empty text.
-    emptyContent();
+    // A message without text reads its content as the empty text. The
+    // fresh buffer is terminated here: emptyContent() leaves alone a buffer
+    // that nothing was written to.
+    content_.rewind();
 }
 
 TAM_XmsgParserHandler::~TAM_XmsgParserHandler()

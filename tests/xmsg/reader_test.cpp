@@ -2,6 +2,9 @@
 // right handler of the right client with its arguments, however the stream
 // is cut; payloads, lists, the defaults' answers, and failures.
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <new>
 #include <zlib.h>
 
 #include <stdexcept>
@@ -171,6 +174,18 @@ TEST(Reader, StrayContentStaysOutOfTheNextMessage)
                          {"#1 output 0 '' '' 'a'", "#1 callback 2 '' 0 ''",
                           "#1 input_wanted 0 0 ''", "#1 output 0 '' '' ''",
                           "#2 output 0 '' '' 'u'"});
+}
+
+// A first message without content reads as empty text, whatever the memory
+// the reader was built in held before.
+TEST(Reader, FirstMessageWithoutContentIsEmptyInReusedMemory)
+{
+    alignas(Session) unsigned char memory[sizeof(Session)];
+    std::memset(memory, 'a', sizeof memory);
+    Session* s = new (memory) Session;
+    s->feed("<output cl=\"1\"/>");
+    EXPECT_EQ(gCalls, std::vector<std::string>{"#1 output 0 '' '' ''"});
+    s->~Session();
 }
 
 TEST(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
