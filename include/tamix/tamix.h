@@ -595,7 +595,15 @@ enum {
     /* the kernel closed its end without quitting (it ended or was killed) */
     TAM_KERNEL_CLOSED = 2,
     /* the kernel's stream broke the protocol; nothing more is delivered */
-    TAM_KERNEL_MALFORMED = 3
+    TAM_KERNEL_MALFORMED = 3,
+    /* a message of the kernel went over one of the TAM_LIMIT_... bounds;
+     * nothing more is delivered */
+    TAM_KERNEL_OVER_LIMIT = 4,
+    /* a request could not be sent whole within TAM_LIMIT_SEND_TIMEOUT_MS:
+     * the kernel took part of it and then stopped reading. The stream to
+     * the kernel is cut (the library shuts down its sending side) and
+     * every later request fails with 0 at once */
+    TAM_KERNEL_UNRESPONSIVE = 5
 };
 /* The state of the connection's kernel process, as the input loop has
  * found it: TAM_KERNEL_RUNNING until the loop reads the kernel's quit
@@ -625,6 +633,59 @@ TAMIX_API int TAM_get_kernel_state(TAM_KernelImpl* kernel);
  * has been reaped, TAM_delete_kernel does not wait for it. A front end that
  * reaps the kernel itself (waitpid(-1, ...)) leaves nothing to report. */
 TAMIX_API int TAM_get_kernel_exit_status(TAM_KernelImpl* kernel, int* status);
+
+/* Bounds and time-outs. A kernel is another program, and the library keeps
+ * what one kernel can cost the front end within these bounds: memory per
+ * message, the time any call waits for a kernel. They are process-wide and
+ * hold for every kernel; a change applies from the next time the library
+ * checks the bound (the next message, send or wait). The defaults are far
+ * above what a well-behaved kernel needs: the reference kernel's largest
+ * results (10^7 characters and more, as text or as a payload) pass them.
+ *
+ * A message that goes over one of the first five bounds ends its kernel's
+ * stream as malformed input does: nothing more from that kernel process is
+ * delivered, not even the rest of that message, and TAM_get_kernel_state
+ * gives TAM_KERNEL_OVER_LIMIT for each of its connections. */
+enum {
+    /* Bytes of one message as it arrives (its tags, attributes, text and
+     * payload text, with anything before it that is not text between
+     * messages). Bounds what one message's text and attributes cost.
+     * Default 256 MiB. */
+    TAM_LIMIT_MESSAGE_BYTES = 1,
+    /* Bytes of one message's payload after inflating (on_output_data,
+     * on_callback). Default 256 MiB. */
+    TAM_LIMIT_PAYLOAD_BYTES = 2,
+    /* Elements open at once inside one message, the message itself
+     * counting 1 (the messages of the protocol need 2). Default 256. */
+    TAM_LIMIT_DEPTH = 3,
+    /* Items of one list message: breakpoints, stack frames, display
+     * variables, or the formats of one format message. Default 100000. */
+    TAM_LIMIT_LIST_ENTRIES = 4,
+    /* Distinct format names one kernel process may introduce. The library
+     * keeps each one for as long as the process lives (they are the names
+     * handed to on_format_changed and on_select_format), so they are
+     * counted over the whole connection, not per message; a single name
+     * longer than 4096 bytes is over this bound too. Default 1024. */
+    TAM_LIMIT_FORMAT_NAMES = 5,
+    /* Milliseconds TAM_new_uds_kernel waits for the kernel's readiness
+     * signal. Default 30000. */
+    TAM_LIMIT_READY_WAIT_MS = 6,
+    /* Milliseconds one request may wait for the kernel to take its bytes.
+     * Default 30000. */
+    TAM_LIMIT_SEND_TIMEOUT_MS = 7,
+    /* Milliseconds TAM_delete_kernel waits for a launched kernel to end by
+     * itself, and again after SIGTERM. Default 5000. */
+    TAM_LIMIT_DELETE_GRACE_MS = 8
+};
+/* Sets the bound which (a TAM_LIMIT_... value) to value: at least 1 for the
+ * sizes, at least 0 for the time-outs (0: do not wait; above 2^40 ms, some
+ * 35 years, counts as 2^40). A negative value restores the default. Returns 1 when set; 0 for an
+ * unknown which or a value below the least one allowed, and nothing changes. Call it between calls
+ * of the input loop, not from a handler's middle of a message: a lower bound takes effect at the
+ * next check. */
+TAMIX_API int TAM_set_limit(int which, int64_t value);
+/* The value of the bound which in force; -1 for an unknown which. */
+TAMIX_API int64_t TAM_get_limit(int which);
 
 /* The version of the library in use, "MAJOR.MINOR.PATCH": the run-time
  * counterpart of TAMIX_VERSION_STRING, for a front end that wants to know
