@@ -706,7 +706,9 @@ char** TAM_UdsKernelProcess::get_kernel_names()
 bool TAM_UdsKernelProcess::read_and_dispatch()
 {
     char buf[1024];
-    ssize_t n = read(fd_, buf, sizeof buf);
+    // Never blocks: a front end that calls in without a readable socket
+    // gets nothing instead of a wait for the kernel.
+    ssize_t n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
     if (n <= 0) {
         // Closed by the kernel or failed: nothing to dispatch, now or
         // later. The socket stays open (reading it again gives 0 at once)

@@ -165,8 +165,16 @@ void listenOnce()
     std::strcpy(a.sun_path, gListenPath.c_str());
     gListener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (gListener < 0 || bind(gListener, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        listen(gListener, 8) != 0)
+        listen(gListener, 8) != 0 ||
+        link(gListenPath.c_str(), (gListenPath + ".keep").c_str()) != 0)
         std::abort();
+}
+
+// The library removes a joined kernel's socket file when its last
+// connection ends; a second name for the same socket puts it back.
+void relisten()
+{
+    link((gListenPath + ".keep").c_str(), gListenPath.c_str());
 }
 
 // The state as a front end sees it, checked against what it was before.
@@ -204,11 +212,17 @@ public:
     {
         gRun = Run{};
         gRun.flags = flags;
+        relisten();
         gRun.kernel = TAM_connect_uds_kernel(gListenPath.c_str(), "fuzz");
         peer_ = accept4(gListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (!gRun.kernel || peer_ < 0)
             std::abort();
         setHandlers(gRun.kernel);
+        // The file of the client's socket, which the library leaves.
+        sockaddr_un a{};
+        socklen_t len = sizeof a;
+        getsockname(TAM_get_client_fd(gRun.kernel), reinterpret_cast<sockaddr*>(&a), &len);
+        clientPath_ = a.sun_path;
     }
     ~Session()
     {
@@ -217,6 +231,7 @@ public:
         gRun.kernel = nullptr;
         if (peer_ >= 0)
             close(peer_);
+        unlink(clientPath_.c_str());
     }
 
     // The peer sends these bytes; the front end reads as they come.
@@ -272,6 +287,7 @@ private:
     }
 
     int peer_ = -1;
+    std::string clientPath_;
     StateWatch watch_;
 };
 
