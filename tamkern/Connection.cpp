@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,10 +12,18 @@
 
 namespace tamkern {
 
-Connection::Connection(int id, int fd, RequestSink onRequest, CloseSink onClose)
+Connection::Connection(int id, int fd, RequestSink onRequest, CloseSink onClose,
+                       const Limits& limits)
     : id_(id), fd_(fd), onRequest_(std::move(onRequest)), onClose_(std::move(onClose)),
+      limits_(limits),
       reader_(std::make_unique<RequestReader>([this](Request& req) { deliver(req); }))
 {
+}
+
+const Limits& Connection::defaultLimits()
+{
+    static const Limits limits;
+    return limits;
 }
 
 Connection::~Connection()
@@ -25,7 +34,8 @@ Connection::~Connection()
 
 short Connection::pollEvents() const
 {
-    short ev = reading_ && waiting_ < MaxWaiting ? POLLIN : 0;
+    bool full = waiting_ >= MaxWaiting || waitingBytes_ >= limits_.waitingBytes;
+    short ev = reading_ && !full ? POLLIN : 0;
     if (hasUnsent())
         ev |= POLLOUT;
     return ev;
@@ -45,10 +55,12 @@ void Connection::readAvailable()
     for (int round = 0; round < 4 && !closed_ && reading_; ++round) {
         ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
         if (n > 0) {
+            lastInput_ = Clock::now();
             if (!reader_->feed(buf, static_cast<int>(n))) {
                 close(reader_->fault().c_str());
                 return;
             }
+            checkBudget();
             if (static_cast<std::size_t>(n) < sizeof buf)
                 return;
             continue;
@@ -112,10 +124,73 @@ void Connection::send(std::string bytes)
         close("client does not read its messages");
         return;
     }
-    bool idle = !hasUnsent();
-    out_ += bytes;
-    if (idle)
+    if (!hasUnsent()) {
+        // Taken over, not copied: a huge result is held once.
+        out_ = std::move(bytes);
+        sent_ = 0;
         flush();
+        return;
+    }
+    out_ += bytes;
+}
+
+void Connection::requestQueued(std::size_t bytes)
+{
+    ++waiting_;
+    waitingBytes_ += bytes;
+    checkBudget();
+}
+
+void Connection::requestTaken(std::size_t bytes)
+{
+    --waiting_;
+    waitingBytes_ -= std::min(bytes, waitingBytes_);
+}
+
+void Connection::clientAdded(std::size_t bytes)
+{
+    clientBytes_ += bytes;
+    checkBudget();
+}
+
+void Connection::clientRemoved(std::size_t bytes)
+{
+    clientBytes_ -= std::min(bytes, clientBytes_);
+}
+
+std::size_t Connection::ownCost() const
+{
+    return reader_->bytes() + waitingBytes_ + clientBytes_;
+}
+
+std::size_t Connection::cost() const
+{
+    std::size_t unsent = out_.size() - sent_;
+    return ownCost() + (unsent > largest_ ? unsent - largest_ : 0);
+}
+
+void Connection::checkBudget()
+{
+    std::size_t c = ownCost();
+    if (closed_ || c <= limits_.connectionBytes)
+        return;
+    char why[128];
+    std::snprintf(why, sizeof why, "over its memory budget (%zu bytes, %zu allowed)", c,
+                  limits_.connectionBytes);
+    close(why);
+}
+
+Connection::Clock::time_point Connection::idleDeadline() const
+{
+    if (closed_ || !reading_ || !reader_->midRequest())
+        return Clock::time_point::max();
+    return lastInput_ + limits_.idleTimeout;
+}
+
+void Connection::checkIdle(Clock::time_point now)
+{
+    if (now >= idleDeadline())
+        close("silent in the middle of a request");
 }
 
 void Connection::sendLast(std::string bytes)

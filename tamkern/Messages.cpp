@@ -141,18 +141,37 @@ void appendMCode(std::string& out, std::string_view format, std::string_view byt
     out += "</mcode>";
 }
 
+Decoded decodeMCode(std::string_view base64, std::string& bytes, std::size_t limit)
+{
+    bytes.clear();
+    StringSink sink(bytes, limit);
+    TKpayloadDecoder decoder;
+    // In pieces, so that a refusal stops the work early.
+    const std::size_t Piece = 4096;
+    for (std::size_t at = 0; at < base64.size(); at += Piece) {
+        std::size_t n = std::min(Piece, base64.size() - at);
+        switch (decoder.write(base64.data() + at, static_cast<long>(n), sink)) {
+        case TKpayloadDecoder::SinkFailed:
+            return Decoded::TooLarge;
+        case TKpayloadDecoder::More:
+            continue;
+        case TKpayloadDecoder::End:
+            return Decoded::Whole; // later text is ignored
+        default:
+            return Decoded::Damaged;
+        }
+    }
+    TKpayloadDecoder::Result r = decoder.finish(sink);
+    if (r == TKpayloadDecoder::SinkFailed)
+        return Decoded::TooLarge;
+    return r == TKpayloadDecoder::End ? Decoded::Whole : Decoded::Damaged;
+}
+
 bool decodeMCode(std::string_view base64, std::string& bytes)
 {
     // A request is a command, not a bulk transfer; this also defuses
     // payloads that inflate enormously.
-    const std::size_t MaxPayload = 16u << 20;
-    bytes.clear();
-    StringSink sink(bytes, MaxPayload);
-    TKpayloadDecoder decoder;
-    if (decoder.write(base64.data(), static_cast<long>(base64.size()), sink) ==
-        TKpayloadDecoder::SinkFailed)
-        return false;
-    return decoder.finish(sink) == TKpayloadDecoder::End;
+    return decodeMCode(base64, bytes, MaxPayload) == Decoded::Whole;
 }
 
 Message::Message(const char* name, long cl) : name_(name)

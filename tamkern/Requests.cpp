@@ -107,7 +107,7 @@ const char* requestName(Request::Kind kind)
 
 RequestReader::RequestReader(Sink sink) : sink_(std::move(sink))
 {
-    parser_ = std::make_unique<Xml::Parser>(static_cast<Xml::Handler*>(this), false, "UTF-8");
+    parser_ = std::make_unique<Xml::Parser>(static_cast<Xml::Handler*>(this), false, "UTF-8", true);
     feed(kRoot, static_cast<int>(sizeof kRoot - 1));
 }
 
@@ -160,78 +160,99 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
     ++depth_;
     if (depth_ > MaxDepth && fault_.empty())
         fault_ = "requests nested too deeply";
-    if (!fault_.empty())
+    if (!fault_.empty() || depth_ == 1) // the injected root
         return;
-    if (depth_ == 1) {
-        return; // the injected root
-    }
-    if (depth_ == 2) {
-        if (id > E_quit) {
-            klog("<%s> outside a request skipped", kElements[id]);
+    if (depth_ == 2 && id > E_quit)
+        klog("<%s> outside a request skipped", kElements[id]);
+    else if (depth_ == 2)
+        startRequest(id, attrs);
+    else if (inRequest_ && depth_ == 3)
+        startPart(id, attrs);
+}
+
+// Counts n more bytes kept for the request; false (the reader failed) past
+// the limit.
+bool RequestReader::charge(std::size_t n)
+{
+    requestBytes_ += n;
+    if (requestBytes_ <= MaxRequest)
+        return true;
+    if (fault_.empty())
+        fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
+    collect_ = nullptr;
+    return false;
+}
+
+void RequestReader::startRequest(int id, const std::vector<Xml::Attribute>& attrs)
+{
+    inRequest_ = true;
+    req_ = Request();
+    req_.kind = static_cast<Request::Kind>(id);
+    requestBytes_ = 0;
+    for (const Xml::Attribute& a : attrs) {
+        if (!charge(std::strlen(a.value)))
             return;
+        switch (a.id) {
+        case A_cl: {
+            long long v = 0;
+            req_.hasCl = true;
+            req_.clValid = parseLong(a.value, v);
+            req_.cl = req_.clValid ? static_cast<long>(v) : -1;
+            break;
         }
-        inRequest_ = true;
-        req_ = Request();
-        req_.kind = static_cast<Request::Kind>(id);
-        for (const Xml::Attribute& a : attrs) {
-            switch (a.id) {
-            case A_cl: {
-                long long v = 0;
-                req_.hasCl = true;
-                req_.clValid = parseLong(a.value, v);
-                req_.cl = req_.clValid ? static_cast<long>(v) : -1;
-                break;
-            }
-            case A_cid: {
-                long long v = 0;
-                if (parseLong(a.value, v))
-                    req_.cid = v;
-                break;
-            }
-            case A_name:
-                req_.name = a.value;
-                break;
-            case A_frame:
-                req_.frame = a.value;
-                break;
-            case A_features:
-                req_.features = a.value;
-                break;
-            case A_value:
-                req_.value = a.value;
-                break;
-            case A_type:
-                req_.type = a.value;
-                break;
-            case A_canceled:
-                req_.canceled = flag(a.value);
-                break;
-            case A_error:
-                req_.error = flag(a.value);
-                break;
-            case A_flags:
-                req_.noHistory = hasWord(a.value, "no_history");
-                break;
-            default:
-                break;
-            }
+        case A_cid: {
+            long long v = 0;
+            if (parseLong(a.value, v))
+                req_.cid = v;
+            break;
         }
-        if (id == E_textinput) {
-            req_.hasText = true;
-            collect_ = &req_.text;
+        case A_name:
+            req_.name = a.value;
+            break;
+        case A_frame:
+            req_.frame = a.value;
+            break;
+        case A_features:
+            req_.features = a.value;
+            break;
+        case A_value:
+            req_.value = a.value;
+            break;
+        case A_type:
+            req_.type = a.value;
+            break;
+        case A_canceled:
+            req_.canceled = flag(a.value);
+            break;
+        case A_error:
+            req_.error = flag(a.value);
+            break;
+        case A_flags:
+            req_.noHistory = hasWord(a.value, "no_history");
+            break;
+        default:
+            break;
         }
-        return;
     }
-    if (!inRequest_ || depth_ != 3)
-        return;
+    if (id == E_textinput) {
+        req_.hasText = true;
+        collect_ = &req_.text;
+    }
+}
+
+void RequestReader::startPart(int id, const std::vector<Xml::Attribute>& attrs)
+{
     switch (id) {
     case E_iarg:
-        if (req_.kind == Request::Init && req_.args.size() >= MaxArgs)
+        if (req_.kind != Request::Init)
+            break;
+        if (req_.args.size() >= MaxArgs) {
             fault_ = "<init> with more arguments than the limit";
-        else if (req_.kind == Request::Init)
-            for (const Xml::Attribute& a : attrs)
-                if (a.id == A_value)
-                    req_.args.push_back(a.value);
+            break;
+        }
+        for (const Xml::Attribute& a : attrs)
+            if (a.id == A_value && charge(std::strlen(a.value)))
+                req_.args.push_back(a.value);
         break;
     case E_text:
         if (req_.kind == Request::Cmd || req_.kind == Request::Input) {
@@ -247,7 +268,7 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
             req_.hasText = false;
             req_.payloadFormat.clear();
             for (const Xml::Attribute& a : attrs)
-                if (a.id == A_format)
+                if (a.id == A_format && charge(std::strlen(a.value)))
                     req_.payloadFormat = a.value;
             req_.payloadBase64.clear();
             collect_ = &req_.payloadBase64;
@@ -268,19 +289,15 @@ void RequestReader::endElement(int, int)
         if (fault_.empty())
             sink_(req_);
         req_ = Request();
+        requestBytes_ = 0;
     }
 }
 
 void RequestReader::characterData(const char* data, int len)
 {
     quiet_ = 0;
-    if (!collect_ || !fault_.empty())
+    if (!collect_ || !fault_.empty() || !charge(static_cast<std::size_t>(len)))
         return;
-    if (collect_->size() + static_cast<std::size_t>(len) > MaxText) {
-        fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
-        collect_ = nullptr;
-        return;
-    }
     collect_->append(data, static_cast<std::size_t>(len));
 }
 

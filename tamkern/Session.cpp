@@ -1,9 +1,29 @@
 #include "tamkern/Session.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 
 namespace tamkern {
+
+namespace {
+
+// The feature words a client may announce.
+const char* const kFeatures[] = {
+    "stay_alive",  "complete_commands", "can_debug",       "can_lazy_debug",
+    "debugger_ui", "can_plot",          "can_input",       "can_textinput",
+    "can_help",    "can_help_dvi",      "can_browse_help", "can_exec_system",
+    "can_quit",    "can_callback",      "can_typeset",     "can_protocol"};
+
+bool isFeature(const std::string& word)
+{
+    for (const char* f : kFeatures)
+        if (word == f)
+            return true;
+    return false;
+}
+
+} // namespace
 
 Client& Session::add(int conn, std::string name, const std::string& features)
 {
@@ -11,11 +31,14 @@ Client& Session::add(int conn, std::string name, const std::string& features)
     Client& cl = clients_[id];
     cl.id = id;
     cl.conn = conn;
+    if (name.size() > MaxName)
+        name.resize(MaxName);
     cl.name = std::move(name);
     std::istringstream words(features);
     std::string w;
     while (words >> w)
-        cl.features.insert(w);
+        if (isFeature(w))
+            cl.features.insert(w);
     if (cl.has("stay_alive"))
         stayAlive_ = true;
     byConn_[conn].push_back(id);
@@ -40,6 +63,14 @@ bool Session::remove(long id)
         byConn_.erase(bc);
     clients_.erase(it);
     return true;
+}
+
+std::vector<const Client*> Session::all() const
+{
+    std::vector<const Client*> out;
+    for (const auto& kv : clients_)
+        out.push_back(&kv.second);
+    return out;
 }
 
 const std::vector<long>& Session::of(int conn) const
