@@ -118,6 +118,7 @@ bool RequestReader::feed(const char* data, int len)
     if (!fault_.empty())
         return false;
     quiet_ += static_cast<std::size_t>(len);
+    fed_ += len;
     if (!parser_->parse(data, len, false)) {
         if (fault_.empty()) {
             char buf[160];
@@ -133,8 +134,23 @@ bool RequestReader::feed(const char* data, int len)
     return fault_.empty();
 }
 
+// Notes where the event being reported ends.
+void RequestReader::settle()
+{
+    long long end = parser_->eventEnd();
+    if (end > settled_)
+        settled_ = end;
+}
+
+void RequestReader::endIgnoreElement()
+{
+    Xml::Handler::endIgnoreElement();
+    settle();
+}
+
 bool RequestReader::elementName(const char*, const char* name, int&, int& id)
 {
+    settle();
     id = lookup(kElements, name);
     if (id >= 0)
         return true;
@@ -155,7 +171,7 @@ bool RequestReader::attributeName(const char*, const char* name, int&, int& id)
 
 void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
-    collect_ = nullptr;
+    endText();
     quiet_ = 0;
     ++depth_;
     if (depth_ > MaxDepth && fault_.empty())
@@ -179,8 +195,29 @@ bool RequestReader::charge(std::size_t n)
         return true;
     if (fault_.empty())
         fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
+    pieces_.clear();
     collect_ = nullptr;
     return false;
+}
+
+// Joins the pieces of the text that ends into its place, giving each piece
+// back as it goes: the text is held about once.
+void RequestReader::endText()
+{
+    if (collect_ && pieces_.size() == 1 && collect_->empty()) {
+        collect_->swap(pieces_.front());
+    } else if (collect_ && !pieces_.empty()) {
+        std::size_t total = collect_->size();
+        for (const std::string& p : pieces_)
+            total += p.size();
+        collect_->reserve(total);
+        for (std::string& p : pieces_) {
+            collect_->append(p);
+            std::string().swap(p);
+        }
+    }
+    pieces_.clear();
+    collect_ = nullptr;
 }
 
 void RequestReader::startRequest(int id, const std::vector<Xml::Attribute>& attrs)
@@ -281,7 +318,8 @@ void RequestReader::startPart(int id, const std::vector<Xml::Attribute>& attrs)
 
 void RequestReader::endElement(int, int)
 {
-    collect_ = nullptr;
+    settle();
+    endText();
     quiet_ = 0;
     --depth_;
     if (depth_ == 1 && inRequest_) {
@@ -295,10 +333,15 @@ void RequestReader::endElement(int, int)
 
 void RequestReader::characterData(const char* data, int len)
 {
+    settle();
     quiet_ = 0;
     if (!collect_ || !fault_.empty() || !charge(static_cast<std::size_t>(len)))
         return;
-    collect_->append(data, static_cast<std::size_t>(len));
+    // In pieces: a text that grew in one string would for a while take
+    // twice its size, as a larger copy is made.
+    if (pieces_.empty() || pieces_.back().size() >= TextPiece)
+        pieces_.emplace_back();
+    pieces_.back().append(data, static_cast<std::size_t>(len));
 }
 
 } // namespace tamkern

@@ -63,9 +63,13 @@ public:
     // the reason in fault(). A failed reader stays failed.
     bool feed(const char* data, int len);
     const std::string& fault() const { return fault_; }
-    // True while a request has started but not ended, or markup has begun
-    // that no event has completed yet.
-    bool midRequest() const { return depth_ > 1 || quiet_ > 0; }
+    // True while a request or a skipped element has started but not ended,
+    // or bytes have come after the last complete piece of markup or text (a
+    // tag cut short). False once failed.
+    bool midRequest() const
+    {
+        return fault_.empty() && (depth_ > 1 || ignoringElement() || settled_ < fed_);
+    }
     // The memory this reader holds for the request in progress: the XML
     // parser's own and the request's texts and values.
     std::size_t bytes() const { return parser_->memoryUsed() + requestBytes_; }
@@ -90,20 +94,27 @@ private:
     void startRequest(int id, const std::vector<Xml::Attribute>& attrs);
     void startPart(int id, const std::vector<Xml::Attribute>& attrs);
     bool charge(std::size_t n);
+    void endText();
     void endElement(int nsId, int id) override;
     void characterData(const char* data, int len) override;
     bool elementName(const char* ns, const char* name, int& nsId, int& id) override;
     bool attributeName(const char* ns, const char* name, int& nsId, int& id) override;
+    void endIgnoreElement() override;
+    void settle();
 
     Sink sink_;
     std::unique_ptr<Xml::Parser> parser_;
     std::string fault_;
     int depth_ = 0;         // open known elements, the injected root included
     std::size_t quiet_ = 0; // bytes fed since the last event
+    long long fed_ = 0;     // bytes fed in all
+    long long settled_ = 0; // the end of the last event
     bool inRequest_ = false;
     Request req_;
-    std::size_t requestBytes_ = 0;   // kept for req_
-    std::string* collect_ = nullptr; // where character data goes now
+    std::size_t requestBytes_ = 0;    // kept for req_
+    std::string* collect_ = nullptr;  // where character data goes now
+    std::vector<std::string> pieces_; // ... until its element ends
+    static const std::size_t TextPiece = 1u << 20;
 };
 
 } // namespace tamkern

@@ -17,15 +17,19 @@ struct alignas(16) Head {
     std::size_t size;
 };
 
+// What a block costs besides its bytes: its head here, and the allocator's
+// own header and rounding, roughly. expat makes many small blocks.
+const std::size_t BlockOverhead = sizeof(Head) + 16;
+
 void* countedMalloc(std::size_t n)
 {
     Head* h = static_cast<Head*>(std::malloc(sizeof(Head) + n));
     if (!h)
         return nullptr;
     h->counter = tCounter;
-    h->size = n;
+    h->size = n + BlockOverhead;
     if (h->counter)
-        *h->counter += n;
+        *h->counter += h->size;
     return h + 1;
 }
 
@@ -39,9 +43,9 @@ void* countedRealloc(void* p, std::size_t n)
     Head* moved = static_cast<Head*>(std::realloc(h, sizeof(Head) + n));
     if (!moved)
         return nullptr;
-    moved->size = n;
+    moved->size = n + BlockOverhead;
     if (counter)
-        *counter = *counter - old + n;
+        *counter = *counter - old + moved->size;
     return moved + 1;
 }
 
@@ -113,6 +117,14 @@ bool Parser::parse(const char* data, int len, bool isFinal)
     if (handler_)
         handler_->cleanup();
     return false;
+}
+
+long long Parser::eventEnd() const
+{
+    if (!parser_)
+        return -1;
+    XML_Index at = XML_GetCurrentByteIndex(parser_);
+    return at < 0 ? -1 : static_cast<long long>(at) + XML_GetCurrentByteCount(parser_);
 }
 
 int Parser::errorCode() const

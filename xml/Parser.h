@@ -34,6 +34,10 @@ public:
     int errorCode() const;
     // Bytes expat holds for this parser now; 0 unless counted.
     std::size_t memoryUsed() const { return memory_; }
+    // During a handler call: the position in the stream, counted from the
+    // first byte parsed, just after the markup or text that the event
+    // reports; -1 outside of one.
+    long long eventEnd() const;
 
     // expat's current position; 0 without an expat parser.
     unsigned long line() const;
