@@ -51,12 +51,24 @@ void Connection::deliver(Request& req)
 
 void Connection::readAvailable()
 {
+    readSome();
+    // A connection closed by one of its own requests could not free its
+    // reader while that was on the stack.
+    if (closed_)
+        release();
+}
+
+void Connection::readSome()
+{
     char buf[65536];
     for (int round = 0; round < 4 && !closed_ && reading_; ++round) {
         ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
         if (n > 0) {
             lastInput_ = Clock::now();
-            if (!reader_->feed(buf, static_cast<int>(n))) {
+            inReader_ = true;
+            bool fed = reader_->feed(buf, static_cast<int>(n));
+            inReader_ = false;
+            if (!fed) {
                 close(reader_->fault().c_str());
                 return;
             }
@@ -81,38 +93,16 @@ void Connection::readAvailable()
 
 void Connection::flush()
 {
-    while (!closed_ && hasUnsent()) {
-        ssize_t n =
-            ::send(fd_, out_.data() + sent_, out_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0) {
-            sent_ += static_cast<std::size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            break;
+    if (closed_)
+        return;
+    if (!out_.flush(fd_)) {
         // The peer is gone; its requests were all read before, or will be
         // seen as the end of the stream.
         close((errno == EPIPE || errno == ECONNRESET) ? nullptr : std::strerror(errno));
         return;
     }
-    compact();
-}
-
-// Drops what has been sent: all of it once the queue is empty, otherwise
-// now and then, so that a slow reader does not make every append move the
-// whole queue.
-void Connection::compact()
-{
-    if (!hasUnsent()) {
-        out_.clear();
-        sent_ = 0;
+    if (out_.empty())
         largest_ = 0;
-    } else if (sent_ > (1u << 20)) {
-        out_.erase(0, sent_);
-        sent_ = 0;
-    }
 }
 
 void Connection::send(std::string bytes)
@@ -120,18 +110,15 @@ void Connection::send(std::string bytes)
     if (closed_)
         return;
     largest_ = std::max(largest_, bytes.size());
-    if (out_.size() - sent_ + bytes.size() > MaxQueued + largest_) {
+    if (out_.bytes() + bytes.size() > MaxQueued + largest_) {
         close("client does not read its messages");
         return;
     }
-    if (!hasUnsent()) {
-        // Taken over, not copied: a huge result is held once.
-        out_ = std::move(bytes);
-        sent_ = 0;
+    // Queued by move: a huge result is held once.
+    bool idle = out_.empty();
+    out_.push(std::move(bytes));
+    if (idle)
         flush();
-        return;
-    }
-    out_ += bytes;
 }
 
 void Connection::requestQueued(std::size_t bytes)
@@ -160,12 +147,12 @@ void Connection::clientRemoved(std::size_t bytes)
 
 std::size_t Connection::ownCost() const
 {
-    return reader_->bytes() + waitingBytes_ + clientBytes_;
+    return (reader_ ? reader_->bytes() : 0) + waitingBytes_ + clientBytes_;
 }
 
 std::size_t Connection::cost() const
 {
-    std::size_t unsent = out_.size() - sent_;
+    std::size_t unsent = out_.bytes();
     return ownCost() + (unsent > largest_ ? unsent - largest_ : 0);
 }
 
@@ -206,7 +193,19 @@ void Connection::close(const char* why)
     if (why)
         klog("connection %d closed: %s", id_, why);
     closed_ = true;
+    released_ = cost(); // its waiting requests go in onClose_
     onClose_(*this);
+    if (!inReader_)
+        release();
+}
+
+// What a closed connection held goes at once: many may close in one turn
+// of the loop, each near its budget.
+void Connection::release()
+{
+    reader_.reset();
+    out_.clear();
+    largest_ = 0;
 }
 
 } // namespace tamkern

@@ -10,6 +10,7 @@
 
 #include "tamkern/Limits.h"
 #include "tamkern/Requests.h"
+#include "tamkern/SendQueue.h"
 
 namespace tamkern {
 
@@ -42,7 +43,7 @@ public:
     // unsent.
     short pollEvents() const;
     // Bytes are queued that the socket has not taken yet.
-    bool hasUnsent() const { return sent_ < out_.size(); }
+    bool hasUnsent() const { return !out_.empty(); }
 
     // Reads what the peer has sent, a bounded amount so that one busy peer
     // cannot starve the others, and hands on the requests it completes. The
@@ -81,6 +82,9 @@ public:
     // Closes it if now is past that time.
     void checkIdle(Clock::time_point now);
 
+    // What it held when it closed.
+    std::size_t releasedBytes() const { return released_; }
+
     static const Limits& defaultLimits();
 
     // Bytes a connection may have waiting to be sent before the kernel gives
@@ -93,8 +97,9 @@ public:
     static constexpr std::size_t MaxWaiting = 10000;
 
 private:
+    void readSome();
     void deliver(Request& req);
-    void compact();
+    void release();
 
     int id_;
     int fd_;
@@ -102,8 +107,7 @@ private:
     CloseSink onClose_;
     const Limits& limits_;
     std::unique_ptr<RequestReader> reader_;
-    std::string out_;         // bytes not yet sent
-    std::size_t sent_ = 0;    // of out_
+    SendQueue out_;           // bytes not yet sent
     std::size_t largest_ = 0; // biggest message queued since out_ was empty
     std::size_t waiting_ = 0; // requests waiting for the engine
     std::size_t waitingBytes_ = 0;
@@ -111,6 +115,8 @@ private:
     Clock::time_point lastInput_ = Clock::now();
     bool reading_ = true;
     bool closed_ = false;
+    bool inReader_ = false; // the reader is on the stack
+    std::size_t released_ = 0;
 };
 
 } // namespace tamkern

@@ -18,7 +18,7 @@ namespace {
 // The command that ends the kernel, also written as "quit;" or "quit()".
 bool isQuitCommand(const std::string& text)
 {
-    std::string t = trimmed(text);
+    std::string_view t = trimmedView(text);
     return t == "quit" || t == "quit;" || t == "quit()" || t == "quit();";
 }
 

@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace tamkern {
@@ -171,57 +169,15 @@ void FrameReader::reset()
 
 void FrameWriter::queue(Frame f)
 {
-    pieces_.push_back(headerOf(f, f.payload.size()));
-    if (!f.payload.empty())
-        pieces_.push_back(std::move(f.payload));
+    out_.push(headerOf(f, f.payload.size()));
+    out_.push(std::move(f.payload));
 }
 
 void FrameWriter::queue(const Frame& header, std::string fields, std::string tail)
 {
-    pieces_.push_back(headerOf(header, fields.size() + tail.size()));
-    if (!fields.empty())
-        pieces_.push_back(std::move(fields));
-    if (!tail.empty())
-        pieces_.push_back(std::move(tail));
-}
-
-bool FrameWriter::flush(int fd)
-{
-    while (!pieces_.empty()) {
-        iovec iov[16];
-        int n = 0;
-        for (auto it = pieces_.begin(); it != pieces_.end() && n < 16; ++it, ++n) {
-            std::size_t skip = n == 0 ? sent_ : 0;
-            iov[n].iov_base = const_cast<char*>(it->data()) + skip;
-            iov[n].iov_len = it->size() - skip;
-        }
-        msghdr msg{};
-        msg.msg_iov = iov;
-        msg.msg_iovlen = static_cast<std::size_t>(n);
-        ssize_t w = ::sendmsg(fd, &msg, MSG_NOSIGNAL);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w < 0)
-            return errno == EAGAIN || errno == EWOULDBLOCK;
-        auto done = static_cast<std::size_t>(w);
-        while (done > 0) {
-            std::size_t left = pieces_.front().size() - sent_;
-            if (done < left) {
-                sent_ += done;
-                break;
-            }
-            done -= left;
-            pieces_.pop_front();
-            sent_ = 0;
-        }
-    }
-    return true;
-}
-
-void FrameWriter::clear()
-{
-    pieces_.clear();
-    sent_ = 0;
+    out_.push(headerOf(header, fields.size() + tail.size()));
+    out_.push(std::move(fields));
+    out_.push(std::move(tail));
 }
 
 } // namespace tamkern

@@ -5,10 +5,11 @@
 #define TAMKERN_EVALLINK_H
 
 #include <cstddef>
-#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tamkern/SendQueue.h"
 
 namespace tamkern {
 
@@ -103,13 +104,12 @@ public:
     void queue(const Frame& header, std::string fields, std::string tail);
     // Writes what fd takes (non-blocking) or everything (blocking fd).
     // false on a write error.
-    bool flush(int fd);
-    bool pending() const { return !pieces_.empty(); }
-    void clear();
+    bool flush(int fd) { return out_.flush(fd); }
+    bool pending() const { return !out_.empty(); }
+    void clear() { out_.clear(); }
 
 private:
-    std::deque<std::string> pieces_;
-    std::size_t sent_ = 0; // of pieces_.front()
+    SendQueue out_;
 };
 
 } // namespace tamkern

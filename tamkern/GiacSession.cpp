@@ -318,7 +318,7 @@ giac::gen GiacSession::evalAnswer(const std::string& text, const char* what)
 GiacSession::Outcome GiacSession::evaluate(const std::string& text, bool silent)
 {
     Outcome out;
-    if (trimmed(text).empty()) {
+    if (trimmedView(text).empty()) {
         out.ok = out.nothing = true; // an empty line asks for nothing
         return out;
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "support/TKT_stream.h"
 #include "support/TKpayload.h"
@@ -48,7 +49,19 @@ std::size_t utf8Length(std::string_view s, std::size_t i)
 
 } // namespace
 
-void appendEscaped(std::string& out, std::string_view text)
+namespace {
+
+// Counts what escaping would append, so that a huge text is escaped into a
+// string of the right size at once rather than one that doubles around it.
+struct Counter {
+    std::size_t n = 0;
+    Counter& operator+=(char) { return ++n, *this; }
+    Counter& operator+=(const char* s) { return n += std::strlen(s), *this; }
+    void append(std::string_view s) { n += s.size(); }
+};
+
+template <typename Out>
+void escapeInto(Out& out, std::string_view text)
 {
     for (std::size_t i = 0; i < text.size();) {
         unsigned char c = static_cast<unsigned char>(text[i]);
@@ -95,6 +108,18 @@ void appendEscaped(std::string& out, std::string_view text)
         }
         ++i;
     }
+}
+
+} // namespace
+
+void appendEscaped(std::string& out, std::string_view text)
+{
+    if (text.size() > 4096) {
+        Counter count;
+        escapeInto(count, text);
+        out.reserve(out.size() + count.n);
+    }
+    escapeInto(out, text);
 }
 
 std::string escaped(std::string_view text)
@@ -218,6 +243,11 @@ Message& Message::raw(std::string_view xml)
 Message& Message::text(std::string_view format, std::string_view content)
 {
     open();
+    if (content.size() > 4096) {
+        Counter count;
+        escapeInto(count, content);
+        out_.reserve(out_.size() + count.n + format.size() + 64 + std::strlen(name_));
+    }
     out_ += "<text format=\"";
     appendEscaped(out_, format);
     out_ += "\">";

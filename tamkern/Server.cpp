@@ -166,31 +166,41 @@ void Server::acceptAll()
     }
 }
 
+// The budget is looked at after every connection's turn: each turn may
+// make its parser take megabytes.
 void Server::serveConnections(const std::vector<pollfd>& fds, const std::vector<int>& ids)
 {
+    std::size_t total = kernelCost();
     for (std::size_t i = 0; i < ids.size() && !dispatcher_.quitting(); ++i) {
         auto it = conns_.find(ids[i]);
         if (it == conns_.end() || it->second.closed())
             continue;
+        Connection& c = it->second;
+        std::size_t before = c.cost();
         short re = fds[i + FirstConnFd].revents;
         if (re & POLLOUT)
-            it->second.flush();
+            c.flush();
         if (re & (POLLIN | POLLHUP | POLLERR))
-            it->second.readAvailable();
+            c.readAvailable();
+        total = total - before + (c.closed() ? 0 : c.cost());
+        if (total > options_.limits.kernelBytes)
+            total = keepKernelBudget(total);
     }
 }
 
-// Connections silent in the middle of a request, and the kernel's budget:
-// past it the connection that costs the most goes, until the rest fits.
-void Server::checkConnections()
+std::size_t Server::kernelCost() const
 {
-    auto now = Connection::Clock::now();
     std::size_t total = 0;
-    for (auto& kv : conns_) {
-        kv.second.checkIdle(now);
+    for (const auto& kv : conns_)
         if (!kv.second.closed())
             total += kv.second.cost();
-    }
+    return total;
+}
+
+// Past the kernel's budget the connection that costs the most goes, until
+// the rest fits. Returns what the rest costs.
+std::size_t Server::keepKernelBudget(std::size_t total)
+{
     while (total > options_.limits.kernelBytes) {
         Connection* worst = nullptr;
         for (auto& kv : conns_)
@@ -205,8 +215,19 @@ void Server::checkConnections()
                       "connection costs the most (%zu bytes)",
                       total, options_.limits.kernelBytes, c);
         worst->close(why);
-        total -= c;
+        total = kernelCost();
     }
+    return total;
+}
+
+// Connections silent in the middle of a request, and the kernel's budget
+// after what the engine's messages added.
+void Server::checkConnections()
+{
+    auto now = Connection::Clock::now();
+    for (auto& kv : conns_)
+        kv.second.checkIdle(now);
+    keepKernelBudget(kernelCost());
 }
 
 // Closed connections stay until here: one may close while its own reader is
@@ -216,7 +237,7 @@ void Server::reapClosed()
     std::size_t freed = 0;
     for (auto it = conns_.begin(); it != conns_.end();) {
         if (it->second.closed()) {
-            freed += it->second.cost();
+            freed += it->second.releasedBytes();
             it = conns_.erase(it);
         } else {
             ++it;

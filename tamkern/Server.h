@@ -69,6 +69,8 @@ private:
     void acceptAll();
     void serveConnections(const std::vector<pollfd>& fds, const std::vector<int>& ids);
     void checkConnections();
+    std::size_t kernelCost() const;
+    std::size_t keepKernelBudget(std::size_t total);
     void reapClosed();
     void settle();
     bool shouldEnd() const;

@@ -25,15 +25,13 @@ bool isFeature(const std::string& word)
 
 } // namespace
 
-Client& Session::add(int conn, std::string name, const std::string& features)
+Client& Session::add(int conn, const std::string& name, const std::string& features)
 {
     long id = nextId_++;
     Client& cl = clients_[id];
     cl.id = id;
     cl.conn = conn;
-    if (name.size() > MaxName)
-        name.resize(MaxName);
-    cl.name = std::move(name);
+    cl.name = name.substr(0, MaxName); // a copy: the announcement's may be huge
     std::istringstream words(features);
     std::string w;
     while (words >> w)

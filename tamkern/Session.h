@@ -32,7 +32,7 @@ public:
     // announcements and are never given twice. Only feature words of the
     // protocol are kept, and the name's first MaxName bytes: a client record
     // costs the same whatever the announcement held.
-    Client& add(int conn, std::string name, const std::string& features);
+    Client& add(int conn, const std::string& name, const std::string& features);
     // The client with this id, or null.
     Client* find(long id);
     // Forgets a client; false if there was none with this id.
