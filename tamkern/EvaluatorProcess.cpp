@@ -48,8 +48,7 @@ int endProcess(pid_t pid, int ms)
     return status;
 }
 
-} // namespace
-
+// Forks; in the child (pid 0) fd is the child's end of the socket pair.
 ChildProcess forkEvaluator()
 {
     int sv[2];
@@ -84,6 +83,8 @@ ChildProcess forkEvaluator()
     return {pid, sv[0]};
 }
 
+} // namespace
+
 ChildProcess spawnEvaluator(const std::vector<std::string>& argv)
 {
     ChildProcess c = forkEvaluator();
@@ -92,7 +93,7 @@ ChildProcess spawnEvaluator(const std::vector<std::string>& argv)
     // The server has no other threads: allocating here is safe.
     ::fcntl(c.fd, F_SETFD, 0);
     std::vector<std::string> args = argv;
-    args.push_back("--evaluator");
+    args.push_back("--socket");
     args.push_back(std::to_string(c.fd));
     std::vector<char*> raw;
     for (std::string& a : args)

@@ -19,15 +19,11 @@ struct ChildProcess {
     int fd = -1;
 };
 
-// Forks; in the child (pid 0 in the result) fd is the child's end of a new
-// socket pair, with the child set up as an evaluator: it dies with its
-// parent, and ignores the terminal's interrupt key, which is the front
-// end's. In the parent fd is the server's end, non-blocking and
-// close-on-exec. pid -1 on failure (logged).
-ChildProcess forkEvaluator();
-
-// Starts a fresh evaluator: forkEvaluator(), then the child executes argv
-// with "--evaluator FD" appended.
+// Starts an evaluator: the program argv[0] with the arguments argv and
+// "--socket FD", FD being its end of a new socket pair. It dies with the
+// server and ignores the terminal's interrupt key, which is the front
+// end's. fd is the server's end, non-blocking and close-on-exec; pid -1 on
+// failure (logged).
 ChildProcess spawnEvaluator(const std::vector<std::string>& argv);
 
 // Which process ended how: "signal 11, Segmentation fault", "exit status 3".
@@ -35,7 +31,7 @@ std::string describeExit(int status);
 
 class EvaluatorProcess final : public Engine {
 public:
-    // Adopts first (an evaluator forked at start-up; none if its pid is -1)
+    // Adopts first (an evaluator started already; none if its pid is -1)
     // and starts fresh ones with spawnEvaluator(argv).
     EvaluatorProcess(EngineHost& host, std::vector<std::string> argv, ChildProcess first);
     // Ends the evaluator as shutdown(0) does.

@@ -1,15 +1,16 @@
-// tamkern: the reference kernel. Computes with Giac and speaks the kernel's
-// side of the client protocol over a Unix-domain socket.
+// tamkern: the reference kernel. Speaks the kernel's side of the client
+// protocol over a Unix-domain socket and has its evaluator process,
+// tamkern-evaluator beside it, compute with Giac.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <memory>
 #include <string>
 #include <unistd.h>
 
 #include "tamkern/Capture.h"
-#include "tamkern/Evaluator.h"
 #include "tamkern/EvaluatorProcess.h"
 #include "tamkern/Paths.h"
 #include "tamkern/Server.h"
@@ -41,9 +42,6 @@ struct Options {
     tamkern::ServerOptions server;
     std::string log; // empty: the default of the mode
     bool keepPlots = false;
-    // The hidden mode of a fresh evaluator that the server started.
-    int evaluatorFd = -1;
-    std::string plots;
 };
 
 void onTerminate(int)
@@ -57,7 +55,7 @@ int usage(const char* argv0, FILE* to, int status)
     return status;
 }
 
-// A positive whole number of at most max, into out.
+// A whole number from 1 to max, into out.
 bool positive(const char* s, long max, long& out)
 {
     char* end = nullptr;
@@ -100,14 +98,6 @@ int parse(int argc, char** argv, Options& o)
             o.server.standalone = a == "--listen";
             o.server.path = argv[++i];
             mode = true;
-        } else if (a == "--evaluator" && hasValue && !mode) {
-            long fd = 0;
-            if (!positive(argv[++i], 1 << 20, fd))
-                return 2;
-            o.evaluatorFd = static_cast<int>(fd);
-            mode = true;
-        } else if (a == "--plots" && hasValue) {
-            o.plots = argv[++i];
         } else if (a == "--log" && hasValue) {
             o.log = argv[++i];
         } else if (a == "--keep-plots") {
@@ -122,16 +112,13 @@ int parse(int argc, char** argv, Options& o)
 }
 
 // A launched kernel shares the front end's terminal: its log goes to a file.
-// Returns where it goes, a file or - for standard error, for the
-// evaluators started later.
-std::string openLog(const Options& o)
+// Where it goes: a file, or - for standard error.
+std::string logTarget(const Options& o)
 {
     std::string file = o.log;
-    if (file.empty() && !o.server.standalone && o.evaluatorFd < 0)
+    if (file.empty() && !o.server.standalone)
         file = tamkern::defaultLogFile();
-    if (!file.empty() && file != "-" && tamkern::logToFile(file))
-        return file;
-    return "-";
+    return file.empty() ? "-" : file;
 }
 
 void installSignals(bool standalone)
@@ -162,24 +149,24 @@ int main(int argc, char** argv)
     default:
         return usage(argv[0], stderr, 2);
     }
-    const std::string log = openLog(o);
-    if (o.evaluatorFd >= 0)
-        return tamkern::runEvaluator(o.evaluatorFd, o.plots);
-
+    const std::string log = logTarget(o);
     const std::string plotDir = tamkern::plotDirFor(::getpid());
-    // The first evaluator starts at once, beside the rest of the start-up,
-    // and as a fork: Giac's library is loaded already. Later ones, after a
-    // crash, are started afresh from the program file.
-    tamkern::ChildProcess first = tamkern::forkEvaluator();
-    if (first.pid == 0)
-        return tamkern::runEvaluator(first.fd, plotDir);
+    // The evaluator starts first, so that loading Giac, most of the start,
+    // goes on beside the rest.
+    const std::vector<std::string> evaluator = {tamkern::programDir() + "/tamkern-evaluator",
+                                                "--log", log, "--plots", plotDir};
+    tamkern::ChildProcess first = tamkern::spawnEvaluator(evaluator);
+    if (log != "-")
+        tamkern::logToFile(log);
 
     installSignals(o.server.standalone);
-    const std::vector<std::string> fresh = {"/proc/self/exe", "--log", log, "--plots", plotDir};
+    // Blocks of a megabyte and more (requests, results) are the system's
+    // own pages, given back when freed, whatever sizes came before.
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
     int status;
     {
         tamkern::Server server(o.server, [&](tamkern::EngineHost& host) {
-            return std::make_unique<tamkern::EvaluatorProcess>(host, fresh, first);
+            return std::make_unique<tamkern::EvaluatorProcess>(host, evaluator, first);
         });
         status = server.run();
     }
