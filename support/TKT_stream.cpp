@@ -193,18 +193,36 @@ long TKheapStream::set_size(unsigned long n)
     unsigned long steps = (n - size_) / incr_ + 1;
     if (steps > (ULONG_MAX - size_) / incr_)
         return status(OutOfMemory);
-    unsigned long capacity = size_ + incr_ * steps;
-    auto* buffer = static_cast<unsigned char*>(std::malloc(capacity));
+    return reallocate(size_ + incr_ * steps);
+}
+
+long TKheapStream::reallocate(unsigned long capacity)
+{
+    const unsigned long pos = pos_ - data_, end = end_ - data_;
+    // realloc may move a large block by remapping its pages instead of
+    // copying them; the inline buffer has to be copied out.
+    auto* buffer =
+        static_cast<unsigned char*>(heap_ ? std::realloc(heap_, capacity) : std::malloc(capacity));
     if (!buffer)
         return status(OutOfMemory);
-    std::memcpy(buffer, data_, size_);
-    pos_ = buffer + (pos_ - data_);
-    end_ = buffer + (end_ - data_);
-    data_ = buffer;
+    if (!heap_)
+        std::memcpy(buffer, data_, size_);
+    pos_ = buffer + pos;
+    end_ = buffer + end;
+    data_ = heap_ = buffer;
     size_ = capacity;
-    std::free(heap_);
-    heap_ = buffer;
     return status(Ok);
+}
+
+// ---------------------------------------------------------- TKgrowingStream
+
+long TKgrowingStream::set_size(unsigned long n)
+{
+    if (size_ >= n)
+        return status(Ok);
+    // Doubling, or straight to n when that is more (a single large write).
+    const unsigned long doubled = size_ > ULONG_MAX / 2 ? ULONG_MAX : 2 * size_;
+    return reallocate(doubled > n ? doubled : n);
 }
 
 // ---------------------------------------------------------- TKbufferStream
@@ -336,7 +354,7 @@ long TKfileStream::rewind()
 
 char* TKreadCString(TKstream* stream)
 {
-    TKheapStream text(512, 512);
+    TKgrowingStream text;
     for (;;) {
         unsigned char c = 0;
         unsigned long got = 0;

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 class TKstream {
 public:
@@ -87,10 +88,46 @@ public:
     long write(const void* data, unsigned long len, unsigned long& count) override;
     long set_size(unsigned long size) override;
 
+protected:
+    // Moves the buffer, content and position kept, to a block of capacity
+    // bytes (more than size_). OutOfMemory leaves the stream as it was.
+    long reallocate(unsigned long capacity);
+
 private:
     unsigned char local_[512];
     unsigned char* heap_;
     unsigned long incr_;
+};
+
+// A heap stream whose capacity at least doubles whenever it grows. Fixed
+// steps copy the whole buffer once per step, so collecting N bytes costs
+// O(N^2): for a result of 10 MB in 512-byte steps that is minutes of
+// copying and page faults. The library's request, message and payload
+// buffers therefore grow geometrically, which keeps receiving or sending N
+// bytes O(N); otherwise the stream behaves as a (512, 512) heap stream.
+class TKgrowingStream : public TKheapStream {
+public:
+    TKgrowingStream() : TKheapStream(512, 512) {}
+
+    long set_size(unsigned long size) override;
+
+    // length() == 0, without its precondition check.
+    bool empty() const { return end_ == data_; }
+
+    // write() for the library's per-message paths: the case with room left
+    // runs inline, anything else goes to write(). Same result and status.
+    long append(const void* data, unsigned long len)
+    {
+        if (data && len <= size_ - static_cast<unsigned long>(pos_ - data_)) {
+            std::memmove(pos_, data, len);
+            pos_ += len;
+            if (pos_ > end_)
+                end_ = pos_;
+            return status(Ok);
+        }
+        unsigned long count;
+        return write(data, len, count);
+    }
 };
 
 // A memory stream over a fixed caller buffer, which it never frees or grows.

@@ -1,5 +1,7 @@
 #include "support/TKbase64.h"
 
+#include <cstdint>
+
 namespace {
 
 const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -10,12 +12,44 @@ const char kDecode[] =
     "|$$$}rstuvwxyz{$$$$$$$>?@ABCDEFGHIJKLMNOPQRSTUVW$$$$$$XYZ[\\]^_`abcdefghijklmnopq";
 static_assert(sizeof kDecode == 80 + 1, "one entry per code from '+' to 'z'");
 
-void encodeGroup(const unsigned char* in, unsigned char* out)
+// Tables for whole groups, derived from the two above at compile time.
+// Encoding: the two characters of each 12-bit half of a group at once.
+// Decoding: per position in the group, every byte's value already shifted
+// into place, or kBad, so that one OR of four lookups decodes a group and
+// tells whether all four characters were base64.
+const uint32_t kBad = 1u << 24;
+
+struct Tables {
+    unsigned char pairs[4096][2];
+    uint32_t decode[4][256];
+};
+
+constexpr Tables makeTables()
 {
-    out[0] = kAlphabet[in[0] >> 2];
-    out[1] = kAlphabet[((in[0] & 3) << 4) | (in[1] >> 4)];
-    out[2] = kAlphabet[((in[1] & 15) << 2) | (in[2] >> 6)];
-    out[3] = kAlphabet[in[2] & 63];
+    Tables t{};
+    for (int i = 0; i < 4096; ++i) {
+        t.pairs[i][0] = static_cast<unsigned char>(kAlphabet[i >> 6]);
+        t.pairs[i][1] = static_cast<unsigned char>(kAlphabet[i & 63]);
+    }
+    for (int c = 0; c < 256; ++c) {
+        const bool valid = c >= '+' && c <= 'z' && kDecode[c - '+'] != '$';
+        const uint32_t v = valid ? static_cast<uint32_t>(kDecode[c - '+'] - 62) : 0;
+        for (int pos = 0; pos < 4; ++pos)
+            t.decode[pos][c] = valid ? v << (6 * (3 - pos)) : kBad;
+    }
+    return t;
+}
+
+constexpr Tables kTables = makeTables();
+
+inline void encodeGroup(const unsigned char* in, unsigned char* out)
+{
+    const unsigned char* hi = kTables.pairs[(in[0] << 4) | (in[1] >> 4)];
+    const unsigned char* lo = kTables.pairs[((in[1] & 15) << 8) | in[2]];
+    out[0] = hi[0];
+    out[1] = hi[1];
+    out[2] = lo[0];
+    out[3] = lo[1];
 }
 
 // One or two remaining bytes; the bits of the missing ones are zero.
@@ -28,30 +62,61 @@ void encodeTail(const unsigned char* in, long n, unsigned char* out)
         out[2] = '=';
 }
 
-void decodeGroup(const unsigned char* in, unsigned char* out)
+inline void decodeGroup(const unsigned char* in, unsigned char* out)
 {
     out[0] = static_cast<unsigned char>((in[0] << 2) | (in[1] >> 4));
     out[1] = static_cast<unsigned char>((in[1] << 4) | (in[2] >> 2));
     out[2] = static_cast<unsigned char>((in[2] << 6) | in[3]);
 }
 
-// Shared by both codecs: drain pending output, then feed the input range one
-// unit at a time, draining after each completed group, until buf is full or
-// the range is used up.
-template <class Codec>
+// Whole groups straight from the range into buf, while both have room for
+// one; stops early (for the unit-wise path) at a group with a character
+// that is not base64.
+inline void encodeGroups(const unsigned char*& in, const unsigned char* end, unsigned char* buf,
+                         long& n, long len)
+{
+    for (; end - in >= 3 && len - n >= 4; in += 3, n += 4)
+        encodeGroup(in, buf + n);
+}
+
+inline void decodeGroups(const unsigned char*& in, const unsigned char* end, unsigned char* buf,
+                         long& n, long len)
+{
+    const auto& d = kTables.decode;
+    for (; end - in >= 4 && len - n >= 3; in += 4, n += 3) {
+        const uint32_t v = d[0][in[0]] | d[1][in[1]] | d[2][in[2]] | d[3][in[3]];
+        if (v & kBad)
+            return;
+        buf[n] = static_cast<unsigned char>(v >> 16);
+        buf[n + 1] = static_cast<unsigned char>(v >> 8);
+        buf[n + 2] = static_cast<unsigned char>(v);
+    }
+}
+
+// Shared by both codecs: drain pending output, then convert the range into
+// buf until buf is full or the range is used up. Between groups, whole
+// groups go straight through; a group split between ranges, a skipped
+// character or a buffer with room for less than a group goes unit by unit
+// as put() and get() do, leaving pending what does not fit.
+template <class Codec, class Groups>
 long drain(Codec& codec, const unsigned char*& inPos, const unsigned char* inLimit,
-           unsigned char* buf, long len)
+           const long& groupLen, unsigned char* buf, long len, Groups groups)
 {
     long n = 0;
-    while (n < len) {
-        if (codec.get(buf[n])) {
-            ++n;
-        } else if (inPos != nullptr && inPos < inLimit) {
-            codec.put(*inPos++);
-        } else {
-            break;
+    while (n < len && codec.get(buf[n]))
+        ++n;
+    const unsigned char* in = inPos;
+    while (n < len && in != nullptr && in < inLimit) {
+        if (groupLen == 0) {
+            groups(in, inLimit, buf, n, len);
+            if (n == len || in == inLimit)
+                break;
         }
+        if (codec.put(*in++))
+            while (n < len && codec.get(buf[n]))
+                ++n;
     }
+    inPos = in;
     return n;
 }
 
@@ -97,7 +162,7 @@ void TKbase64Encoder::write(const unsigned char* data, long len)
 
 long TKbase64Encoder::read(unsigned char* buf, long len)
 {
-    return len > 0 ? drain(*this, inPos_, inLimit_, buf, len) : 0;
+    return len > 0 ? drain(*this, inPos_, inLimit_, groupLen_, buf, len, encodeGroups) : 0;
 }
 
 void TKbase64Encoder::messageEnd()
@@ -153,7 +218,7 @@ void TKbase64Decoder::write(const unsigned char* data, long len)
 
 long TKbase64Decoder::read(unsigned char* buf, long len)
 {
-    return len > 0 ? drain(*this, inPos_, inLimit_, buf, len) : 0;
+    return len > 0 ? drain(*this, inPos_, inLimit_, groupLen_, buf, len, decodeGroups) : 0;
 }
 
 void TKbase64Decoder::messageEnd()

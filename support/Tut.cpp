@@ -24,58 +24,82 @@ BadLocale::BadLocale() : std::runtime_error("current locale is not supported")
 
 namespace {
 
-// QtCore decides on its own what the locale's encoding is (built with ICU it
-// reports UTF-8 whatever the locale says), so the codec for the locale is
-// taken from the C library's current locale instead and installed as Qt's
-// locale codec. Steady state costs one nl_langinfo and one strcmp: the codec
-// is looked up only when the codeset name changes.
-// What the conversions need to know about the locale's encoding.
-struct LocaleCodec {
-    QTextCodec* codec = nullptr;
-    bool utf8 = false;  // UTF-8 itself: valid UTF-8 passes through unchanged
-    bool ascii = false; // maps the ASCII range to itself, both ways
+// The C library's codeset name of the current locale, and whether it
+// differs from the one a cache saw last. Steady state costs one nl_langinfo
+// and one strcmp.
+class CodesetWatch {
+public:
+    // True (and remembers the name) when the codeset is not the one of the
+    // last call that returned true.
+    bool changed(const char*& codeset)
+    {
+        codeset = nl_langinfo(CODESET);
+        if (!codeset)
+            codeset = "";
+        if (seen_ && std::strcmp(codeset, last_) == 0)
+            return false;
+        const std::size_t n = std::strlen(codeset);
+        seen_ = n < sizeof last_; // a name too long to keep is looked at every time
+        if (seen_)
+            std::memcpy(last_, codeset, n + 1);
+        return true;
+    }
+
+private:
+    char last_[128] = "";
+    bool seen_ = false;
 };
 
-// Encodings that map every ASCII byte to the same character and back (by
-// MIB enum), so ASCII text needs no conversion under them. Stateful or
-// ASCII-incompatible ones (ISO-2022-*, Shift_JIS with its yen sign) are not
-// listed and always go through Qt.
-bool isAsciiCompatible(int mib)
+// Codesets that map every ASCII byte to the same character and back, by the
+// names the C library gives them, so ASCII text needs no conversion under
+// them. Stateful or ASCII-incompatible ones (ISO-2022-*, Shift_JIS with its
+// yen sign) are not listed and always go through Qt, and so does any name
+// not listed here.
+bool isAsciiCompatible(const char* codeset)
 {
-    static const int ranges[][2] = {
-        {3, 12},      // US-ASCII, ISO-8859-1..9
-        {13, 13},     // ISO-8859-10
-        {18, 18},     // EUC-JP
-        {38, 38},     // EUC-KR
-        {106, 106},   // UTF-8
-        {109, 114},   // ISO-8859-13..16, GBK, GB18030
-        {2025, 2026}, // GB2312, Big5
-        {2084, 2084}, // KOI8-R
-        {2088, 2088}, // KOI8-U
-        {2250, 2258}, // windows-1250..1258
-    };
-    for (const auto& r : ranges)
-        if (mib >= r[0] && mib <= r[1])
+    static const char* const names[] = {"ANSI_X3.4-1968", "UTF-8", "EUC-JP",  "EUC-KR",
+                                        "GB2312",         "GBK",   "GB18030", "BIG5",
+                                        "KOI8-R",         "KOI8-U"};
+    for (const char* name : names)
+        if (std::strcmp(codeset, name) == 0)
             return true;
-    return false;
+    // ISO-8859-1 to -16 and windows-1250 to -1258.
+    if (std::strncmp(codeset, "ISO-8859-", 9) == 0)
+        return codeset[9] >= '1' && codeset[9] <= '9';
+    return std::strncmp(codeset, "CP125", 5) == 0 && codeset[5] >= '0' && codeset[5] <= '8' &&
+           codeset[6] == '\0';
+}
+
+// What the short way needs to know about the locale's encoding, from the
+// codeset name alone: text that passes unchanged never wakes QtCore.
+struct LocaleEncoding {
+    bool utf8 = false;
+    bool ascii = false;
+};
+
+LocaleEncoding localeEncoding()
+{
+    static CodesetWatch watch;
+    static LocaleEncoding enc;
+    const char* codeset;
+    if (watch.changed(codeset)) {
+        enc.utf8 = std::strcmp(codeset, "UTF-8") == 0;
+        enc.ascii = isAsciiCompatible(codeset);
+    }
+    return enc;
 }
 
 // QtCore decides on its own what the locale's encoding is (built with ICU it
 // reports UTF-8 whatever the locale says), so the codec for the locale is
 // taken from the C library's current locale instead and installed as Qt's
-// locale codec. Steady state costs one nl_langinfo and one strcmp: the codec
-// is looked up only when the codeset name changes.
-const LocaleCodec& localeCodecInfo()
+// locale codec. The codec is looked up only when the codeset name changes.
+QTextCodec* localeCodec()
 {
-    static char lastCodeset[128] = "";
-    static LocaleCodec info;
-
-    const char* codeset = nl_langinfo(CODESET);
-    if (!codeset)
-        codeset = "";
-    if (info.codec && std::strcmp(codeset, lastCodeset) == 0)
-        return info;
-
+    static CodesetWatch watch;
+    static QTextCodec* codec = nullptr;
+    const char* codeset;
+    if (!watch.changed(codeset) && codec)
+        return codec;
     QTextCodec* found = nullptr;
     // The C/POSIX locale names plain ASCII; Latin-1 is taken there (and for
     // names Qt does not know) because it maps every byte to a character and
@@ -86,21 +110,8 @@ const LocaleCodec& localeCodecInfo()
         found = QTextCodec::codecForMib(4); // ISO-8859-1
     if (found != QTextCodec::codecForLocale())
         QTextCodec::setCodecForLocale(found);
-    info.codec = found;
-    info.utf8 = found->mibEnum() == 106;
-    info.ascii = isAsciiCompatible(found->mibEnum());
-
-    std::size_t n = std::strlen(codeset);
-    if (n >= sizeof(lastCodeset))
-        lastCodeset[0] = '\0'; // too long to remember: looked up again next time
-    else
-        std::memcpy(lastCodeset, codeset, n + 1);
-    return info;
-}
-
-QTextCodec* localeCodec()
-{
-    return localeCodecInfo().codec;
+    codec = found;
+    return codec;
 }
 
 bool isAscii(const unsigned char* p, std::size_t n)
@@ -112,10 +123,10 @@ bool isAscii(const unsigned char* p, std::size_t n)
         if (w & 0x8080808080808080ull)
             return false;
     }
+    unsigned high = 0;
     for (; i < n; ++i)
-        if (p[i] & 0x80)
-            return false;
-    return true;
+        high |= p[i];
+    return (high & 0x80) == 0;
 }
 
 // Length of the well-formed UTF-8 sequence at p (at most n bytes), or 0:
@@ -156,21 +167,26 @@ bool isWellFormedUtf8(const unsigned char* p, std::size_t n)
     return true;
 }
 
-// Whether converting n bytes of src between the locale's encoding and UTF-8
-// (either way) gives the same bytes, so that no QString needs to be built:
-// ASCII under an ASCII-compatible encoding, or well-formed UTF-8 under
-// UTF-8. A leading byte order mark is left to Qt, which drops it, and so is
+// Whether converting n bytes of src between an encoding and UTF-8 (either
+// way) gives the same bytes, so that no QString needs to be built: ASCII
+// under an ASCII-compatible encoding, or well-formed UTF-8 under UTF-8. A
+// leading byte order mark is left to Qt, which drops it, and so is
 // malformed UTF-8, which Qt replaces.
-bool passesUnchanged(const char* src, long n)
+bool passesUnchanged(LocaleEncoding enc, const char* src, long n)
 {
-    const LocaleCodec& lc = localeCodecInfo();
     const auto* p = reinterpret_cast<const unsigned char*>(src);
     const auto len = static_cast<std::size_t>(n);
-    if (lc.ascii && isAscii(p, len))
+    if (enc.ascii && isAscii(p, len))
         return true;
-    if (!lc.utf8 || (len >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF))
+    if (!enc.utf8 || (len >= 3 && p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF))
         return false;
     return isWellFormedUtf8(p, len);
+}
+
+// The same under the current locale's encoding.
+bool passesUnchanged(const char* src, long n)
+{
+    return passesUnchanged(localeEncoding(), src, n);
 }
 
 // Input length in units; a negative len means NUL-terminated, a null src
@@ -306,6 +322,23 @@ char* locToUtf8Copy(const char* src, long len, unsigned long* outLen)
 }
 
 // ---- UTF-8 -> loc ----------------------------------------------------------
+
+bool utf8ToLocUnchanged(const char* src, long len)
+{
+    return passesUnchanged(src, inputLength(src, len));
+}
+
+void Utf8PassThrough::refresh()
+{
+    const LocaleEncoding enc = localeEncoding();
+    utf8_ = enc.utf8;
+    ascii_ = enc.ascii;
+}
+
+bool Utf8PassThrough::keepsOtherwise(const char* src, long len) const
+{
+    return passesUnchanged(LocaleEncoding{utf8_, ascii_}, src, inputLength(src, len));
+}
 
 long utf8ToLocLength(const char* src, long len)
 {

@@ -16,7 +16,9 @@
 #ifndef TAMIX_SUPPORT_TUT_H
 #define TAMIX_SUPPORT_TUT_H
 
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 
@@ -99,6 +101,44 @@ char* locToUtf8Copy(const char* src, long len, unsigned long* outLen = nullptr);
 long locToUtf8Length(const char* src, long len);
 
 // UTF-8 -> loc
+// Whether utf8ToLoc would give back exactly these bytes (ASCII under an
+// encoding that keeps ASCII as it is, well-formed UTF-8 under UTF-8), so
+// that a caller may take them as they are. Never needs QtCore.
+bool utf8ToLocUnchanged(const char* src, long len);
+
+// utf8ToLocUnchanged with the locale's encoding read once: for a caller
+// that checks many pieces of text between moments at which the locale may
+// change. It answers for the locale as it was at the last refresh(), so the
+// caller refreshes it whenever code that might call setlocale has run.
+class Utf8PassThrough {
+public:
+    void refresh();
+    // ASCII under an ASCII-keeping encoding is settled here, without a call:
+    // a result laid out in lines arrives as two pieces per line.
+    bool keeps(const char* src, long len) const
+    {
+        if (ascii_ && src && len >= 0) {
+            uint64_t high = 0;
+            long i = 0;
+            for (; i + 8 <= len; i += 8) {
+                uint64_t w;
+                std::memcpy(&w, src + i, 8);
+                high |= w;
+            }
+            for (; i < len; ++i)
+                high |= static_cast<unsigned char>(src[i]);
+            if ((high & 0x8080808080808080ull) == 0)
+                return true;
+        }
+        return keepsOtherwise(src, len);
+    }
+
+private:
+    bool keepsOtherwise(const char* src, long len) const;
+
+    bool utf8_ = false;  // UTF-8 itself: well-formed UTF-8 passes unchanged
+    bool ascii_ = false; // maps the ASCII range to itself, both ways
+};
 long utf8ToLoc(const char* src, long len, char* dst, unsigned long dstLen);
 long utf8ToLoc(const char* src, long len, FlexBuff<char>& buf);
 char* utf8ToLocCopy(const char* src, long len, unsigned long* outLen = nullptr);

@@ -222,6 +222,10 @@ GiacSession::GiacSession(OutputCapture* capture, std::string plotDir, NamesSink 
                           " levels)");
     });
     builtinNames_ = builtinNames();
+    // Giac sets its parser up on first use, which takes most of a
+    // millisecond. Done here, it overlaps with the first client's connection
+    // instead of delaying that client's ready message.
+    giac::gen warmUp(std::string("0"), ctx_);
     gCurrent = this;
     publishNames();
 }

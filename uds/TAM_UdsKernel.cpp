@@ -9,8 +9,7 @@
 
 #include "uds/TAM_UdsKernelProcess.h"
 
-TAM_UdsKernel::TAM_UdsKernel(TAM_UdsKernelProcess* proc)
-    : proc_(proc), clientId_(-1), stream_(512, 512)
+TAM_UdsKernel::TAM_UdsKernel(TAM_UdsKernelProcess* proc) : proc_(proc), clientId_(-1)
 {
 }
 

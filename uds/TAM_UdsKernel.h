@@ -57,7 +57,7 @@ protected:
 private:
     TAM_UdsKernelProcess* proc_;
     long clientId_;
-    TKheapStream stream_;
+    TKgrowingStream stream_;
 };
 
 #endif

@@ -41,6 +41,29 @@ volatile sig_atomic_t childDied = 0;
 
 uint64_t gNextSerial = 1;
 
+// What the input loop walks over: each registered process with its serial.
+using Entry = std::pair<TAM_UdsKernelProcess*, uint64_t>;
+
+// The walk's buffer, kept from one call to the next, so that the input loop
+// allocates only when the registry has grown. A call made from inside a
+// walk (which the loop does not support, but must not break) finds the
+// buffer taken and uses one of its own.
+std::vector<Entry> gWalkBuffer;
+
+struct Snapshot {
+    std::vector<Entry> entries;
+    Snapshot()
+    {
+        entries.swap(gWalkBuffer);
+        entries.clear();
+    }
+    ~Snapshot()
+    {
+        if (entries.capacity() > gWalkBuffer.capacity())
+            entries.swap(gWalkBuffer);
+    }
+};
+
 void kernel_ready(int)
 {
     gKernelReady = 1;
@@ -586,17 +609,17 @@ void TAM_UdsKernelProcess::handle_input(int wait)
     // Handlers run during the walk and may create and destroy connections
     // and processes, so the walk goes over a snapshot and looks each entry
     // up again before touching it.
-    std::vector<std::pair<TAM_UdsKernelProcess*, uint64_t>> snapshot;
+    Snapshot snapshot;
     try {
-        snapshot.reserve(gProcs_.size());
+        snapshot.entries.reserve(gProcs_.size());
         for (TAM_UdsKernelProcess* p : gProcs_)
-            snapshot.emplace_back(p, p ? p->serial_ : 0);
+            snapshot.entries.emplace_back(p, p ? p->serial_ : 0);
     } catch (...) {
         return;
     }
 
     bool someQuit = false;
-    for (const auto& entry : snapshot) {
+    for (const Entry& entry : snapshot.entries) {
         TAM_UdsKernelProcess* p = still_registered(entry.first, entry.second);
         if (!p || p->fd_ < 0 || !FD_ISSET(p->fd_, &read_set))
             continue;

@@ -203,8 +203,14 @@ void XMLCALL Parser::startHdl(void* userData, const char* name, const char** att
         self->handlerName(a[0], ns, local);
         int attrNsId = 0; // same reasoning as for the element ids
         int attrId = 0;
-        if (h->attributeName(ns, local, attrNsId, attrId))
-            self->attrs_.push_back(Attribute{attrNsId, attrId, a[1]});
+        if (h->attributeName(ns, local, attrNsId, attrId)) {
+            // Field by field: a whole record built on the stack and copied
+            // costs a stalled load per attribute.
+            Attribute& at = self->attrs_.emplace_back();
+            at.nsId = attrNsId;
+            at.id = attrId;
+            at.value = a[1];
+        }
     }
     h->startElement(nsId, id, self->attrs_);
 }

@@ -27,41 +27,44 @@ bool suspended(XML_Parser p)
 
 } // namespace
 
+void TAM_XmsgParser::stop(void* userData)
+{
+    auto* self = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData));
+    self->stopped_ = true;
+    XML_StopParser(self->parser_, XML_TRUE);
+}
+
 void XMLCALL TAM_XmsgParser::guardedStart(void* userData, const char* name, const char** atts)
 {
-    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
-    // expat may still report an empty element's end after a stop; the
-    // message that threw gets no further events.
-    if (suspended(p))
-        return;
+    // expat checks for a stop after every token, and a start tag is the
+    // first event of its token: nothing can come here after a stop.
     try {
         startHdl(userData, name, atts);
     } catch (...) {
-        XML_StopParser(p, XML_TRUE);
+        stop(userData);
     }
 }
 
 void XMLCALL TAM_XmsgParser::guardedEnd(void* userData, const char* name)
 {
-    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
-    if (suspended(p))
+    // expat may still report an empty element's end after a stop in its
+    // start; the message that threw gets no further events.
+    if (static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->stopped_)
         return;
     try {
         endHdl(userData, name);
     } catch (...) {
-        XML_StopParser(p, XML_TRUE);
+        stop(userData);
     }
 }
 
 void XMLCALL TAM_XmsgParser::guardedChars(void* userData, const char* data, int len)
 {
-    XML_Parser p = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->parser_;
-    if (suspended(p))
-        return;
+    // A run of text is a token of its own, like a start tag.
     try {
         charHdl(userData, data, len);
     } catch (...) {
-        XML_StopParser(p, XML_TRUE);
+        stop(userData);
     }
 }
 
@@ -83,6 +86,10 @@ bool TAM_XmsgParser::init()
 
 bool TAM_XmsgParser::saveParse(const char* data, int len)
 {
+    // The constructor takes only this kind of handler.
+    if (handler_)
+        static_cast<TAM_XmsgParserHandler*>(handler_)->beforeChunk();
+    stopped_ = false;
     bool ok;
     try {
         ok = parse(data, len, false);
@@ -99,6 +106,7 @@ bool TAM_XmsgParser::saveParse(const char* data, int len)
         ok = false;
         if (handler_)
             handler_->cleanup();
+        stopped_ = false;
         if (XML_ResumeParser(parser_) == XML_STATUS_ERROR) {
             if (handler_)
                 handler_->cleanup();

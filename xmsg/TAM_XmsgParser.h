@@ -29,6 +29,13 @@ private:
     static void XMLCALL guardedStart(void* userData, const char* name, const char** atts);
     static void XMLCALL guardedEnd(void* userData, const char* name);
     static void XMLCALL guardedChars(void* userData, const char* data, int len);
+    // Suspends the parser after a callback caught an exception.
+    static void stop(void* userData);
+
+    // A callback has suspended the parser in this chunk: the events expat
+    // still reports before it returns are dropped. (Kept here because asking
+    // expat costs a call per end tag.)
+    bool stopped_ = false;
 };
 
 #endif

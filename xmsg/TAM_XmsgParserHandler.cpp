@@ -19,127 +19,144 @@ struct Name {
     int id;
 };
 
+using H = TAM_XmsgParserHandler;
+
+// Each vocabulary sorted by first character, so that the names sharing one
+// form a run that the index below finds at once.
+constexpr Name kElements[] = {
+    {"TamixXMsgClientMessage", H::ElRoot},
+    {"abbreviateoutput", H::ElAbbreviateoutput},
+    {"breakpoints", H::ElBreakpoints},
+    {"breakpt", H::ElBreakpt},
+    {"callback", H::ElCallback},
+    {"callstack", H::ElCallstack},
+    {"complete", H::ElComplete},
+    {"completion", H::ElCompletion},
+    {"csframe", H::ElCsframe},
+    {"dbginfo", H::ElDbginfo},
+    {"display", H::ElDisplay},
+    {"dispvar", H::ElDispvar},
+    {"finished", H::ElFinished},
+    {"fmt", H::ElFmt},
+    {"format", H::ElFormat},
+    {"frame", H::ElFrame},
+    {"help", H::ElHelp},
+    {"mcode", H::ElMcode},
+    {"output", H::ElOutput},
+    {"plotfile", H::ElPlotfile},
+    {"prettyprint", H::ElPrettyprint},
+    {"quit", H::ElQuit},
+    {"ready", H::ElReady},
+    {"reset", H::ElReset},
+    {"selformat", H::ElSelformat},
+    {"senddbgcmd", H::ElSenddbgcmd},
+    {"sendinit", H::ElSendinit},
+    {"sendinput", H::ElSendinput},
+    {"status", H::ElStatus},
+    {"system", H::ElSystem},
+    {"text", H::ElText},
+    {"textwidth", H::ElTextwidth},
+};
+
+// Within a run, the names that every message carries come first.
+constexpr Name kAttributes[] = {
+    {"cl", H::AtCl},       {"cid", H::AtCid},   {"cmd", H::AtCmd},     {"cond", H::AtCond},
+    {"depth", H::AtDepth}, {"enc", H::AtEnc},   {"expr", H::AtExpr},   {"format", H::AtFormat},
+    {"fname", H::AtFname}, {"fpos", H::AtFpos}, {"level", H::AtLevel}, {"list", H::AtList},
+    {"name", H::AtName},   {"pref", H::AtPref}, {"proc", H::AtProc},   {"res", H::AtRes},
+    {"sec", H::AtSec},     {"type", H::AtType}, {"text", H::AtText},   {"used", H::AtUsed},
+    {"value", H::AtValue},
+};
+
+// For every first character, where its run of names begins and ends.
+struct Index {
+    unsigned char begin[128];
+    unsigned char end[128];
+};
+
 template <std::size_t N>
-int find(const Name (&names)[N], const char* name)
+constexpr Index makeIndex(const Name (&names)[N])
 {
-    for (const Name& n : names)
-        if (std::strcmp(n.name, name) == 0)
-            return n.id;
+    Index x{};
+    for (std::size_t i = N; i-- > 0;) {
+        const auto c = static_cast<unsigned char>(names[i].name[0]);
+        if (x.end[c] == 0)
+            x.end[c] = static_cast<unsigned char>(i + 1);
+        x.begin[c] = static_cast<unsigned char>(i);
+    }
+    return x;
+}
+
+template <std::size_t N>
+constexpr bool sortedByFirstCharacter(const Name (&names)[N])
+{
+    for (std::size_t i = 1; i < N; ++i)
+        if (names[i - 1].name[0] > names[i].name[0])
+            return false;
+    return true;
+}
+static_assert(sortedByFirstCharacter(kElements) && sortedByFirstCharacter(kAttributes),
+              "runs of names must be contiguous");
+
+constexpr Index kElementIndex = makeIndex(kElements);
+constexpr Index kAttributeIndex = makeIndex(kAttributes);
+
+// Byte by byte, terminator included, stopping at the first difference: no
+// call and no read past the end of the shorter text.
+inline bool sameName(const char* a, const char* b)
+{
+    for (; *a == *b; ++a, ++b)
+        if (*a == '\0')
+            return true;
+    return false;
+}
+
+template <std::size_t N>
+inline int find(const Name (&names)[N], const Index& index, const char* name)
+{
+    const auto c = static_cast<unsigned char>(name[0]);
+    if (c >= 128)
+        return -1;
+    const unsigned end = index.end[c] < N ? index.end[c] : N;
+    for (unsigned i = index.begin[c]; i < end; ++i)
+        if (sameName(names[i].name + 1, name + 1))
+            return names[i].id;
     return -1;
 }
 
-using H = TAM_XmsgParserHandler;
-
-const Name elA[] = {{"abbreviateoutput", H::ElAbbreviateoutput}};
-const Name elB[] = {{"breakpoints", H::ElBreakpoints}, {"breakpt", H::ElBreakpt}};
-const Name elC[] = {{"callback", H::ElCallback},
-                    {"callstack", H::ElCallstack},
-                    {"complete", H::ElComplete},
-                    {"completion", H::ElCompletion},
-                    {"csframe", H::ElCsframe}};
-const Name elD[] = {
-    {"dbginfo", H::ElDbginfo}, {"display", H::ElDisplay}, {"dispvar", H::ElDispvar}};
-const Name elF[] = {
-    {"finished", H::ElFinished}, {"fmt", H::ElFmt}, {"format", H::ElFormat}, {"frame", H::ElFrame}};
-const Name elH[] = {{"help", H::ElHelp}};
-const Name elM[] = {{"mcode", H::ElMcode}};
-const Name elO[] = {{"output", H::ElOutput}};
-const Name elP[] = {{"plotfile", H::ElPlotfile}, {"prettyprint", H::ElPrettyprint}};
-const Name elQ[] = {{"quit", H::ElQuit}};
-const Name elR[] = {{"ready", H::ElReady}, {"reset", H::ElReset}};
-const Name elS[] = {{"selformat", H::ElSelformat}, {"senddbgcmd", H::ElSenddbgcmd},
-                    {"sendinit", H::ElSendinit},   {"sendinput", H::ElSendinput},
-                    {"status", H::ElStatus},       {"system", H::ElSystem}};
-const Name elT[] = {{"text", H::ElText}, {"textwidth", H::ElTextwidth}};
-const Name elRoot[] = {{"TamixXMsgClientMessage", H::ElRoot}};
-
 int elementId(const char* name)
 {
-    switch (name[0]) {
-    case 'a':
-        return find(elA, name);
-    case 'b':
-        return find(elB, name);
-    case 'c':
-        return find(elC, name);
-    case 'd':
-        return find(elD, name);
-    case 'f':
-        return find(elF, name);
-    case 'h':
-        return find(elH, name);
-    case 'm':
-        return find(elM, name);
-    case 'o':
-        return find(elO, name);
-    case 'p':
-        return find(elP, name);
-    case 'q':
-        return find(elQ, name);
-    case 'r':
-        return find(elR, name);
-    case 's':
-        return find(elS, name);
-    case 't':
-        return find(elT, name);
-    case 'T':
-        return find(elRoot, name);
-    default:
-        return -1;
-    }
+    return find(kElements, kElementIndex, name);
 }
-
-const Name atC[] = {{"cid", H::AtCid}, {"cl", H::AtCl}, {"cmd", H::AtCmd}, {"cond", H::AtCond}};
-const Name atD[] = {{"depth", H::AtDepth}};
-const Name atE[] = {{"enc", H::AtEnc}, {"expr", H::AtExpr}};
-const Name atF[] = {{"fname", H::AtFname}, {"format", H::AtFormat}, {"fpos", H::AtFpos}};
-const Name atL[] = {{"level", H::AtLevel}, {"list", H::AtList}};
-const Name atN[] = {{"name", H::AtName}};
-const Name atP[] = {{"pref", H::AtPref}, {"proc", H::AtProc}};
-const Name atR[] = {{"res", H::AtRes}};
-const Name atS[] = {{"sec", H::AtSec}};
-const Name atT[] = {{"text", H::AtText}, {"type", H::AtType}};
-const Name atU[] = {{"used", H::AtUsed}};
-const Name atV[] = {{"value", H::AtValue}};
 
 int attributeId(const char* name)
 {
-    switch (name[0]) {
-    case 'c':
-        return find(atC, name);
-    case 'd':
-        return find(atD, name);
-    case 'e':
-        return find(atE, name);
-    case 'f':
-        return find(atF, name);
-    case 'l':
-        return find(atL, name);
-    case 'n':
-        return find(atN, name);
-    case 'p':
-        return find(atP, name);
-    case 'r':
-        return find(atR, name);
-    case 's':
-        return find(atS, name);
-    case 't':
-        return find(atT, name);
-    case 'u':
-        return find(atU, name);
-    case 'v':
-        return find(atV, name);
-    default:
-        return -1;
-    }
+    return find(kAttributes, kAttributeIndex, name);
 }
 
 // ---- value conversions -----------------------------------------------------
 
-// A missing attribute reads as 0 or as the empty text.
-long number(const char* v)
+// A missing attribute reads as 0 or as the empty text. Numbers follow atol:
+// leading white space, a sign, digits up to the first other character. Up
+// to 18 digits cannot overflow and are read here; longer ones go to strtol,
+// which atol is.
+inline long number(const char* v)
 {
-    return v ? std::atol(v) : 0;
+    if (!v)
+        return 0;
+    const char* p = v;
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
+        ++p;
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+')
+        ++p;
+    long n = 0;
+    for (int digits = 0; *p >= '0' && *p <= '9'; ++p)
+        if (++digits > 18)
+            return std::strtol(v, nullptr, 10);
+        else
+            n = 10 * n + (*p - '0');
+    return negative ? -n : n;
 }
 
 int flag(const char* v)
@@ -152,12 +169,16 @@ const char* raw(const char* v)
     return v ? v : "";
 }
 
-// The attribute's text in the locale's encoding, valid while buf lives.
+// The attribute's text in the locale's encoding, valid while buf lives (and
+// the value itself, when it needs no conversion).
 const char* loc(const char* v, Tut::FlexBuff<char>& buf)
 {
     if (!v || !*v)
         return "";
-    Tut::utf8ToLoc(v, static_cast<long>(std::strlen(v)), buf);
+    const long n = static_cast<long>(std::strlen(v));
+    if (Tut::utf8ToLocUnchanged(v, n))
+        return v;
+    Tut::utf8ToLoc(v, n, buf);
     return buf.data();
 }
 
@@ -177,11 +198,13 @@ const char** strings(std::vector<char*>& v)
 // ---- construction ----------------------------------------------------------
 
 TAM_XmsgParserHandler::TAM_XmsgParserHandler()
-    : kernel_(nullptr), hasData_(false), content_(512, 512), inText_(false), inMCode_(false),
-      cookie_(0), textInput_(0), fmtCount_(0), level_(0)
+    : kernel_(nullptr), hasData_(false), inText_(false), inMCode_(false), cookie_(0), textInput_(0),
+      fmtCount_(0), level_(0)
 {
-    // A message without text reads its content as the empty text.
-    emptyContent();
+    // A message without text reads its content as the empty text. The
+    // fresh buffer is terminated here: emptyContent() leaves alone a buffer
+    // that nothing was written to.
+    content_.rewind();
 }
 
 TAM_XmsgParserHandler::~TAM_XmsgParserHandler()
@@ -189,6 +212,32 @@ TAM_XmsgParserHandler::~TAM_XmsgParserHandler()
     clearDebugLists();
     for (char* s : fmtNames_)
         std::free(s);
+}
+
+// ---- texts -----------------------------------------------------------------
+
+TAM_XmsgParserHandler::Text::~Text()
+{
+    if (data_ != local_)
+        std::free(data_);
+}
+
+void TAM_XmsgParserHandler::Text::assignLong(const char* s)
+{
+    const std::size_t n = std::strlen(s) + 1;
+    if (n > cap_) {
+        const std::size_t cap = n > 2 * cap_ ? n : 2 * cap_;
+        char* p = static_cast<char*>(std::malloc(cap));
+        if (!p) {
+            clear();
+            throw std::bad_alloc();
+        }
+        if (data_ != local_)
+            std::free(data_);
+        data_ = p;
+        cap_ = cap;
+    }
+    std::memcpy(data_, s, n);
 }
 
 // ---- names -----------------------------------------------------------------
@@ -260,6 +309,9 @@ void TAM_XmsgParserHandler::appendLocCopy(std::vector<char*>& list, const char* 
 
 void TAM_XmsgParserHandler::emptyContent()
 {
+    // Nothing written since it was last emptied: it still reads as empty.
+    if (content_.empty())
+        return;
     content_.clear();
     content_.rewind();
 }
@@ -279,12 +331,19 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         return;
     if (inText_) {
         // expat never splits a character across chunks, so each converts by
-        // itself.
+        // itself. A chunk that does not fit is lost; the message keeps what
+        // fitted.
+        if (!localeRead_) {
+            passThrough_.refresh();
+            localeRead_ = true;
+        }
+        if (passThrough_.keeps(data, len)) {
+            content_.append(data, static_cast<unsigned long>(len));
+            return;
+        }
         Tut::FlexBuff<char> buf;
         const long n = Tut::utf8ToLoc(data, len, buf);
-        unsigned long count = 0;
-        // A chunk that does not fit is lost; the message keeps what fitted.
-        content_.write(buf.data(), static_cast<unsigned long>(n), count);
+        content_.append(buf.data(), static_cast<unsigned long>(n));
     } else if (inMCode_) {
         // A failed append to the content loses the rest of this chunk only.
         TKstreamSink sink(content_);
@@ -294,6 +353,7 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
 
 void TAM_XmsgParserHandler::cleanup()
 {
+    localeRead_ = false;
     emptyContent();
     inText_ = false;
     inMCode_ = false;
@@ -313,8 +373,22 @@ void TAM_XmsgParserHandler::cleanup()
 struct TAM_XmsgParserHandler::Rules {
     using H = TAM_XmsgParserHandler;
     using K = TAM_KernelImpl;
-    // Attribute values by attribute id; null for a missing attribute.
-    using Values = const char* const*;
+    // Attribute values by attribute id; null for a missing attribute. A
+    // mask says which are there, so that no table is cleared per tag.
+    class Values {
+    public:
+        const char* operator[](int id) const { return present_ >> id & 1 ? v_[id] : nullptr; }
+        void set(int id, const char* value)
+        {
+            v_[id] = value;
+            present_ |= 1u << id;
+        }
+
+    private:
+        static_assert(AtCount <= 32, "one bit per attribute id");
+        uint32_t present_ = 0;
+        const char* v_[AtCount];
+    };
 
     // The parent check. Parts act on the client of the message they belong
     // to; the stream has no other notion of nesting (a part that follows
@@ -348,8 +422,8 @@ struct TAM_XmsgParserHandler::Rules {
         unsigned resets;  // Reset bits
         unsigned records; // Record bits
         Opens opens;
-        void (*start)(H&, Values); // after the resets and records; may be null
-        void (*end)(H&);           // may be null
+        void (*start)(H&, const Values&); // after the resets and records; may be null
+        void (*end)(H&);                  // may be null
     };
 
     // The rule of element id, or null for an id outside the vocabulary.
@@ -390,19 +464,19 @@ struct TAM_XmsgParserHandler::Rules {
             h.fmtCount_ = 0;
     }
 
-    static void record(H& h, unsigned records, Values v)
+    static void record(H& h, unsigned records, const Values& v)
     {
         if (records & KeepCid)
             h.cookie_ = number(v[AtCid]);
         if (records & KeepLevel)
             h.level_ = number(v[AtLevel]);
         if ((records & KeepType) && h.kernel_)
-            h.type_.assign(raw(v[AtType])); // keeps the capacity
+            h.type_.assign(raw(v[AtType]));
         if (records & KeepTextFlag)
             h.textInput_ = flag(v[AtText]);
     }
 
-    static void open(H& h, Opens what, Values v)
+    static void open(H& h, Opens what, const Values& v)
     {
         // A payload is its element's bytes alone: a text child before it must
         // not lengthen the record with its own bytes.
@@ -418,21 +492,21 @@ struct TAM_XmsgParserHandler::Rules {
     // ---- deliveries at the start tag ----------------------------------------
 
     template <TAM_OnReset K::*Slot>
-    static void notify(H& h, Values)
+    static void notify(H& h, const Values&)
     {
         if (K* k = receiver(h, Slot))
             (k->*Slot)(k);
     }
 
     template <TAM_OnFinished K::*Slot>
-    static void notifyCookie(H& h, Values)
+    static void notifyCookie(H& h, const Values&)
     {
         if (K* k = receiver(h, Slot))
             (k->*Slot)(k, cookiePtr(h.cookie_));
     }
 
     template <TAM_OnHelp K::*Slot>
-    static void notifyText(H& h, Values v)
+    static void notifyText(H& h, const Values& v)
     {
         if (K* k = receiver(h, Slot)) {
             Tut::FlexBuff<char> value;
@@ -441,13 +515,13 @@ struct TAM_XmsgParserHandler::Rules {
     }
 
     template <TAM_OnPrettyPrintChanged K::*Slot>
-    static void notifyFlag(H& h, Values v)
+    static void notifyFlag(H& h, const Values& v)
     {
         if (K* k = receiver(h, Slot))
             (k->*Slot)(k, flag(v[AtValue]));
     }
 
-    static void startPlotfile(H& h, Values v)
+    static void startPlotfile(H& h, const Values& v)
     {
         if (K* k = receiver(h, &K::on_plot_result_file)) {
             Tut::FlexBuff<char> name;
@@ -455,7 +529,7 @@ struct TAM_XmsgParserHandler::Rules {
         }
     }
 
-    static void startCompletion(H& h, Values v)
+    static void startCompletion(H& h, const Values& v)
     {
         if (K* k = receiver(h, &K::on_input_completion)) {
             Tut::FlexBuff<char> list;
@@ -464,7 +538,7 @@ struct TAM_XmsgParserHandler::Rules {
         }
     }
 
-    static void startDbginfo(H& h, Values v)
+    static void startDbginfo(H& h, const Values& v)
     {
         if (K* k = receiver(h, &K::on_dbg_info)) {
             Tut::FlexBuff<char> fname;
@@ -475,19 +549,19 @@ struct TAM_XmsgParserHandler::Rules {
         }
     }
 
-    static void startTextwidth(H& h, Values v)
+    static void startTextwidth(H& h, const Values& v)
     {
         if (K* k = receiver(h, &K::on_textwidth_changed))
             k->on_textwidth_changed(k, number(v[AtValue]));
     }
 
-    static void startStatus(H& h, Values v)
+    static void startStatus(H& h, const Values& v)
     {
         if (K* k = receiver(h, &K::on_status))
             k->on_status(k, number(v[AtUsed]), number(v[AtRes]), number(v[AtSec]));
     }
 
-    static void startQuit(H& h, Values)
+    static void startQuit(H& h, const Values&)
     {
         // Not for a client: no cl needed, and kernel_ stays as it is.
         h.onQuit();
@@ -496,7 +570,7 @@ struct TAM_XmsgParserHandler::Rules {
     // ---- parts --------------------------------------------------------------
 
     template <int NameAt, int TextAt, bool WithPosition>
-    static void startItem(H& h, Values v)
+    static void startItem(H& h, const Values& v)
     {
         appendLocCopy(h.dbgNames_, v[NameAt]);
         if (WithPosition)
@@ -504,7 +578,7 @@ struct TAM_XmsgParserHandler::Rules {
         appendLocCopy(h.dbgTexts_, v[TextAt]);
     }
 
-    static void startFmt(H& h, Values v)
+    static void startFmt(H& h, const Values& v)
     {
         const char* p = h.formatName(raw(v[AtName]));
         if (h.fmtCount_ < static_cast<int64_t>(h.fmtList_.size()))
@@ -520,8 +594,7 @@ struct TAM_XmsgParserHandler::Rules {
 
     static void endText(H& h)
     {
-        unsigned long count = 0;
-        h.content_.write("", 1, count);
+        h.content_.append("", 1);
         h.content_.rewind();
     }
 
@@ -685,9 +758,11 @@ const TAM_XmsgParserHandler::Rules::Rule* TAM_XmsgParserHandler::Rules::find(int
 
 void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
-    // Text is collected only up to the next known tag.
+    // Text is collected only up to the next known tag; the handlers that run
+    // here may change the locale.
     inText_ = false;
     inMCode_ = false;
+    localeRead_ = false;
     const Rules::Rule* rule = Rules::find(id);
     // A part of a message without a client is ignored whole.
     if (!rule || (rule->context == Rules::Part && !kernel_))
@@ -699,12 +774,12 @@ void TAM_XmsgParserHandler::startElement(int, int id, const std::vector<Xml::Att
 
     // The attribute walk: cl picks a message's client, the rest is kept by
     // id for the rule.
-    const char* v[AtCount] = {};
+    Rules::Values v;
     for (const Xml::Attribute& a : attrs) {
         if (a.id < 0 || a.id >= AtCount)
             continue;
         if (a.id != AtCl)
-            v[a.id] = a.value;
+            v.set(a.id, a.value);
         else if (message)
             kernel_ = kernel(number(a.value));
     }
@@ -720,6 +795,7 @@ void TAM_XmsgParserHandler::endElement(int, int id)
 {
     inText_ = false;
     inMCode_ = false;
+    localeRead_ = false;
     const Rules::Rule* rule = Rules::find(id);
     if (rule && rule->end)
         rule->end(*this);

@@ -11,13 +11,14 @@
 #ifndef TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 #define TAMIX_XMSG_TAM_XMSGPARSERHANDLER_H
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "kernel/TAM_KernelImpl.h"
 #include "support/TKT_stream.h"
 #include "support/TKpayload.h"
+#include "support/Tut.h"
 #include "xml/Handler.h"
 
 class TAM_XmsgParserHandler : public Xml::Handler {
@@ -113,8 +114,45 @@ public:
     // The interned copy of name, valid for the life of this handler.
     // Throws std::bad_alloc when a new name cannot be copied.
     const char* formatName(const char* name);
+    // A new chunk of input follows: code outside the parser may have
+    // changed the locale since the last one.
+    void beforeChunk() { localeRead_ = false; }
 
 protected:
+    // A NUL-terminated text that keeps its largest storage, so that a value
+    // no longer than an earlier one is copied without allocating and without
+    // a call.
+    class Text {
+    public:
+        Text() = default;
+        ~Text();
+        Text(const Text&) = delete;
+        Text& operator=(const Text&) = delete;
+
+        // Copies s. Throws std::bad_alloc (and is then empty) when a longer
+        // value than ever before finds no memory.
+        void assign(const char* s)
+        {
+            // Locals: a store through a char pointer could change the
+            // members, which would otherwise be read again per byte.
+            char* const d = data_;
+            const std::size_t cap = cap_;
+            for (std::size_t i = 0; i < cap; ++i)
+                if ((d[i] = s[i]) == '\0')
+                    return;
+            assignLong(s);
+        }
+        void clear() { data_[0] = '\0'; }
+        const char* c_str() const { return data_; }
+
+    private:
+        void assignLong(const char* s);
+
+        char local_[32] = "";
+        char* data_ = local_;
+        std::size_t cap_ = sizeof local_;
+    };
+
     // Appends a locale copy of the UTF-8 text (empty for null) to list.
     static void appendLocCopy(std::vector<char*>& list, const char* utf8);
     // Empties the content so that it reads as the empty text.
@@ -126,12 +164,12 @@ protected:
     TAM_KernelImpl* kernel_;           // current client, not owned
     TKpayloadDecoder decoder_;         // base64 and inflate state: mcode text to bytes
     bool hasData_;                     // the message carries a payload
-    TKheapStream content_;             // text (locale) or payload bytes
+    TKgrowingStream content_;          // text (locale) or payload bytes; grows geometrically
     bool inText_;                      // character data is text content
     bool inMCode_;                     // character data is base64 payload
     int64_t cookie_;                   // "cid" of the message
-    std::string type_;                 // "type", raw UTF-8
-    std::string format_;               // "format" of text or mcode, raw UTF-8
+    Text type_;                        // "type", raw UTF-8
+    Text format_;                      // "format" of text or mcode, raw UTF-8
     int32_t textInput_;                // "text" flag of sendinput
     std::vector<const char*> fmtList_; // formats of this message, interned
     std::vector<char*> fmtNames_;      // every distinct format name (malloc)
@@ -140,6 +178,11 @@ protected:
     std::vector<long> dbgPositions_;
     std::vector<char*> dbgTexts_; // locale, malloc'd
     int64_t level_;               // "level" of callstack
+    // Which text content needs no conversion under the locale, read once
+    // per run of text: the locale can change only when code outside the
+    // reader runs (a client handler at a tag, the caller between chunks).
+    Tut::Utf8PassThrough passThrough_;
+    bool localeRead_ = false;
 
 private:
     // What each element does at its start and end tag; one rule per element.

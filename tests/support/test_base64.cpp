@@ -63,7 +63,7 @@ Bytes run(Codec& c, const Bytes& in, const std::vector<size_t>& cuts = {}, long 
 {
     Bytes out;
     out.reserve(2 * in.size() + 8);
-    unsigned char buf[64];
+    unsigned char buf[2048];
     const long before = gNews;
     for (size_t i = 0, from = 0; i <= cuts.size() + 1; ++i) {
         size_t to = i < cuts.size() ? cuts[i] : in.size();
@@ -140,6 +140,34 @@ TEST(Base64, VectorsInBothShapesAndEverySplit)
             }
             ASSERT_EQ(data, run(dec, text, {a, b}, room)) << a << ' ' << b;
         }
+}
+
+// Long input goes through whole groups at a time; cuts, small rooms and
+// stray characters send it back through the unit-wise path and out again.
+TEST(Base64, LongInputCutAnywhereWithStrayCharacters)
+{
+    std::mt19937 rng(11);
+    Bytes data;
+    for (int i = 0; i < 5000; ++i)
+        data += static_cast<unsigned char>(rng());
+    const Bytes text = oneShot(data);
+    const std::string stray = " \r\n\t=-.*\x80\xff";
+    for (int round = 0; round < 40; ++round) {
+        Bytes noisy;
+        for (unsigned char c : text) {
+            if (round % 2 && rng() % 23 == 0)
+                noisy += static_cast<unsigned char>(stray[rng() % stray.size()]);
+            noisy += c;
+        }
+        std::vector<size_t> cuts;
+        for (size_t at = rng() % 900; at < data.size(); at += 1 + rng() % 900)
+            cuts.push_back(at);
+        const long room = round < 10 ? 1 + round : 1 + static_cast<long>(rng() % 2048);
+        TKbase64Encoder enc;
+        TKbase64Decoder dec;
+        ASSERT_EQ(text, run(enc, data, cuts, room)) << round;
+        ASSERT_EQ(data, run(dec, noisy, cuts, room)) << round;
+    }
 }
 
 TEST(Base64, DecoderSkipsNonAlphabetAndKeepsWholeBytesOfTruncatedGroups)

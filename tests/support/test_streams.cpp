@@ -21,14 +21,17 @@ namespace {
 const long Ok = TKstream::Ok, Err = TKstream::Error, Oom = TKstream::OutOfMemory;
 
 // Sees where the buffer lives, its capacity and every recorded status code.
-struct ProbeHeap : TKheapStream {
-    using TKheapStream::TKheapStream;
+template <class Stream>
+struct Probe : Stream {
+    using Stream::Stream;
+    using TKmemoryStream::data_;
+    using TKmemoryStream::size_;
     using TKmemoryStream::status;
     std::vector<long> log;
     long status(long code) override
     {
         log.push_back(code);
-        return TKheapStream::status(code);
+        return Stream::status(code);
     }
     std::string where() const
     {
@@ -36,9 +39,13 @@ struct ProbeHeap : TKheapStream {
         return (data_ >= self && data_ < self + sizeof *this ? "inline " : "heap ") +
                std::to_string(size_);
     }
-    std::string text() { return std::string(reinterpret_cast<char*>(data()), length()); }
-    const char* cstr() { return reinterpret_cast<char*>(data()); }
+    std::string text()
+    {
+        return std::string(reinterpret_cast<char*>(this->data()), this->length());
+    }
+    const char* cstr() { return reinterpret_cast<char*>(this->data()); }
 };
+using ProbeHeap = Probe<TKheapStream>;
 
 unsigned char* bytes(std::string& s)
 {
@@ -95,6 +102,51 @@ TEST(HeapStream, GrowsInWholeStepsAndRecordsEveryResult)
     EXPECT_EQ(1113u, h.length());
     h.clear();
     EXPECT_EQ((std::vector<long>{Err, Ok, Ok, Ok, Ok, Oom, Oom, Ok}), h.log);
+}
+
+TEST(GrowingStream, AtLeastDoublesAndKeepsContentAndPosition)
+{
+    Probe<TKgrowingStream> g;
+    EXPECT_EQ(Ok, put(g, std::string(512, 'a')));
+    EXPECT_EQ("inline 512", g.where());
+    EXPECT_EQ(Ok, g.discard(2));
+    EXPECT_EQ(Ok, put(g, "bcd"));
+    EXPECT_EQ("heap 1024", g.where());
+    EXPECT_EQ(Ok, put(g, std::string(3000, 'e'))); // more than double: straight to the size
+    EXPECT_EQ("heap 3513", g.where());
+    EXPECT_EQ(Ok, put(g, "f"));
+    EXPECT_EQ("heap 7026", g.where());
+    // append() is write() without a count: inline with room, growing without.
+    g.log.clear();
+    EXPECT_EQ(Ok, g.append("gh", 2));
+    EXPECT_EQ(Ok, g.append(std::string(4000, 'i').data(), 4000));
+    EXPECT_EQ("heap 14052", g.where());
+    EXPECT_EQ((std::vector<long>{Ok, Ok, Ok}), g.log); // the growth records too
+    std::string expected = std::string(510, 'a') + "bcd" + std::string(3000, 'e') + "f" + "gh" +
+                           std::string(4000, 'i');
+    EXPECT_EQ(expected, g.text());
+
+    // A megabyte written in small pieces moves the buffer a few times only.
+    std::vector<unsigned long> capacities;
+    const std::string piece = "0123456789abcdefghijklmnopqrstuvwxyz";
+    for (int i = 0; i < 30000; ++i) {
+        put(g, piece);
+        if (capacities.empty() || capacities.back() != g.size_)
+            capacities.push_back(g.size_);
+        expected += piece;
+    }
+    EXPECT_LE(capacities.size(), 9u);
+    EXPECT_EQ(expected, g.text());
+    EXPECT_EQ(Ok, g.rewind());
+    EXPECT_EQ(expected, g.cstr());
+
+    // A growth that cannot be had leaves everything as it was.
+    g.log.clear();
+    const unsigned char* before = g.data_;
+    EXPECT_EQ(Oom, g.set_size(ULONG_MAX));
+    EXPECT_EQ(before, g.data_);
+    EXPECT_EQ(expected, g.text());
+    EXPECT_EQ((std::vector<long>{Oom}), g.log);
 }
 
 TEST(MemoryStream, RewindTerminatesWithoutCountingTheTerminator)

@@ -258,7 +258,7 @@ TEST_F(TutTest, ShortWayForUnchangedTextGivesQtsResults)
                                   "\xff"};
     for (const char* locale : {U8, L1, "C"}) {
         ASSERT_TRUE(use(locale));
-        locToUtf8("", 0, c); // installs the locale's codec for Qt
+        locToUtf8("\xff", 1, c); // the long way installs the locale's codec for Qt
         QTextCodec* codec = QTextCodec::codecForLocale();
         for (const std::string& in : inputs) {
             SCOPED_TRACE(std::string(locale) + " " + in);
@@ -266,11 +266,16 @@ TEST_F(TutTest, ShortWayForUnchangedTextGivesQtsResults)
             const QByteArray toLoc = codec->fromUnicode(QString::fromUtf8(in.data(), n));
             const QByteArray toUtf8 = codec->toUnicode(in.data(), n).toUtf8();
             EXPECT_EQ(C(utf8ToLoc(in.data(), n, c)), toLoc.toStdString() + '\0');
+            if (utf8ToLocUnchanged(in.data(), n)) {
+                EXPECT_EQ(toLoc.toStdString(), in);
+            }
             EXPECT_EQ(C(locToUtf8(in.data(), n, c)), toUtf8.toStdString() + '\0');
             char buf[64];
             EXPECT_EQ(utf8ToLoc(in.data(), n, buf, sizeof buf), toLoc.size());
             EXPECT_EQ(std::string(buf, toLoc.size() + 1), toLoc.toStdString() + '\0');
         }
+        EXPECT_TRUE(utf8ToLocUnchanged(inputs[0].c_str(), -1));
+        EXPECT_EQ(utf8ToLocUnchanged("caf\xc3\xa9", -1), locale == U8);
     }
 }
 

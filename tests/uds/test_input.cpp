@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "common/AllocCount.h"
 #include "common/ScriptedKernel.h"
 
 using namespace tamixtest;
@@ -99,6 +100,45 @@ TEST_F(UdsInput, MessagesSplitJoinedLongAndCutShort)
     EXPECT_FALSE(alive(s.pid()));
     EXPECT_TRUE(names().empty());
     EXPECT_NE(s.received().find("<quit cl=\"1\"/>"), std::string::npos);
+}
+
+// In steady state a short command and the input-loop call that delivers its
+// answer allocate nothing, counted for the whole process.
+TEST_F(UdsInput, ShortCommandsAndTheirAnswersAllocateNothing)
+{
+    if (!allocationsCounted())
+        GTEST_SKIP() << "AddressSanitizer owns malloc here";
+    const int rounds = 40;
+    std::string steps = kBound;
+    for (int i = 0; i < rounds; ++i)
+        steps += "wait_for </cmd>\nsend " + kText + "r" + kEnd + kFinished + "\n";
+    Scenario s(steps + "drain\n");
+    static int outputs = 0, finished = 0;
+    TAM_KernelImpl* k = launch("k");
+    TAM_set_on_output_handler(
+        k, [](TAM_KernelImpl*, void*, const char*, const char*, const char*) { ++outputs; });
+    TAM_set_on_finished_handler(k, [](TAM_KernelImpl*, void*) { ++finished; });
+    ASSERT_EQ(TAM_send_new_client(k, nullptr, nullptr, 0), 1);
+    ASSERT_TRUE(pumpUntil([k] { return TAM_get_client_id(k) == 1; }));
+    const int fd = TAM_get_client_fd(k);
+    long sendAllocs = 0, loopAllocs = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const bool warm = i >= rounds / 2;
+        int sent = 0;
+        const long a = allocationsDuring([&] { sent = TAM_send_cmd(k, nullptr, "1+1"); });
+        ASSERT_EQ(sent, 1);
+        // The whole answer waits in the socket: one call reads and delivers it.
+        ASSERT_TRUE(
+            waitQueued(fd, static_cast<int>(kText.size() + kEnd.size() + kFinished.size()) + 1));
+        const long b = allocationsDuring([] { TAM_handle_uds_input(0); });
+        sendAllocs += warm ? a : 0;
+        loopAllocs += warm ? b : 0;
+    }
+    EXPECT_EQ(sendAllocs, 0);
+    EXPECT_EQ(loopAllocs, 0);
+    EXPECT_EQ(outputs, rounds);
+    EXPECT_EQ(finished, rounds);
+    TAM_delete_kernel(k);
 }
 
 TEST_F(UdsInput, MalformedInputThenAClosedSocket)

@@ -81,4 +81,26 @@ TEST_F(Latin1, MessagesConvertTextAndTextAttributes)
          "#1 format '\\xC3\\xA9' 'g\\xC3\\xA9'", "#1 callback 0 'm\\xC3\\xA9' 3 'abc'"});
 }
 
+// Text is converted under the locale of the moment it arrives: after a
+// handler or the caller between two pieces of input has switched it.
+TEST_F(Latin1, TextFollowsALocaleChangedMidStream)
+{
+    static bool utf8;
+    auto use = [](bool u) { std::setlocale(LC_ALL, u ? "en_US.UTF-8" : ""), utf8 = u; };
+    rh::Session s;
+    s.clients[1].on_finished = [](rh::K*, void*) {
+        utf8 = !utf8;
+        std::setlocale(LC_ALL, utf8 ? "en_US.UTF-8" : "");
+    };
+    use(true);
+    const std::string text = "<output cl=\"1\"><text>" E_UTF8 "</text></output>";
+    const std::string finished = "<finished cl=\"1\"/>";
+    s.feed(text + finished + text + finished + "<output cl=\"1\"><text>a" E_UTF8);
+    use(false);
+    s.feed(E_UTF8 "</text></output>");
+    EXPECT_EQ(rh::gCalls, (std::vector<std::string>{"#1 output 0 '' '' '\\xC3\\xA9'",
+                                                    "#1 output 0 '' '' '\\xE9'",
+                                                    "#1 output 0 '' '' 'a\\xC3\\xA9\\xE9'"}));
+}
+
 } // namespace

@@ -1,86 +1,36 @@
-// Steady-state allocations of the reader, counted for the whole process.
-//
-// This executable interposes malloc, calloc, realloc and operator new and
-// counts every call made while a case is counting, whoever makes it: the
-// library, QtCore (the text conversion), expat, zlib or the C++ runtime.
-// AddressSanitizer owns malloc, so a sanitizer build leaves the interposer
-// out and skips the cases.
+// Steady-state allocations of the reader, counted for the whole process
+// (common/AllocCount.h); a sanitizer build skips the cases.
 #include <gtest/gtest.h>
 
 #include <clocale>
 
+#include "common/AllocCount.h"
 #include "common/ReaderHarness.h"
 
-#ifndef __SANITIZE_ADDRESS__
-
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-extern "C" void __libc_free(void*);
-
 namespace {
 
-bool gCounting = false;
-long gAllocs = 0;
-
-} // namespace
-
-#define NOTE (gAllocs += gCounting)
-extern "C" void* malloc(size_t n)
-{
-    return NOTE, __libc_malloc(n);
-}
-extern "C" void* calloc(size_t n, size_t m)
-{
-    return NOTE, __libc_calloc(n, m);
-}
-extern "C" void* realloc(void* p, size_t n)
-{
-    return NOTE, __libc_realloc(p, n);
-}
-void* operator new(size_t n)
-{
-    NOTE;
-    if (void* p = __libc_malloc(n ? n : 1))
-        return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept
-{
-    __libc_free(p);
-}
-void operator delete(void* p, size_t) noexcept
-{
-    __libc_free(p);
-}
-
-namespace {
-
-template <typename F>
-long allocsDuring(F f)
-{
-    gAllocs = 0;
-    gCounting = true;
-    f();
-    gCounting = false;
-    return gAllocs;
-}
+using tamixtest::allocationsDuring;
 
 class ReaderAlloc : public ::testing::Test {
 protected:
-    void SetUp() override { std::setlocale(LC_ALL, ""); }
+    void SetUp() override
+    {
+        if (!tamixtest::allocationsCounted())
+            GTEST_SKIP() << "AddressSanitizer owns malloc here";
+        std::setlocale(LC_ALL, "");
+    }
 };
 
 // The counter is not blind: strdup'd debugger strings, list growth and a
-// type too long for std::string's inline buffer are seen.
+// type too long for the reader's inline text buffer are seen.
 TEST_F(ReaderAlloc, CounterSeesTheLibrarysOwnAllocations)
 {
     rh::Session s;
-    EXPECT_GE(allocsDuring([&] {
+    EXPECT_GE(allocationsDuring([&] {
                   s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\" cond=\"b\"/></breakpoints>");
               }),
               2);
-    EXPECT_GE(allocsDuring(
+    EXPECT_GE(allocationsDuring(
                   [&] { s.feed("<output cl=\"1\" type=\"a type longer than a short string\"/>"); }),
               1);
 }
@@ -112,7 +62,7 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
         for (const std::string& m : msgs)
             s.feed(m);
     delivered = 0;
-    EXPECT_EQ(allocsDuring([&] {
+    EXPECT_EQ(allocationsDuring([&] {
                   for (int i = 0; i < 100; ++i)
                       for (const std::string& m : msgs)
                           s.feed(m);
@@ -124,12 +74,3 @@ TEST_F(ReaderAlloc, MessagesAllocateNothingAfterWarmUp)
 }
 
 } // namespace
-
-#else
-
-TEST(ReaderAlloc, NeedsItsOwnAllocator)
-{
-    GTEST_SKIP() << "AddressSanitizer owns malloc here";
-}
-
-#endif

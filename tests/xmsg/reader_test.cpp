@@ -2,6 +2,9 @@
 // right handler of the right client with its arguments, however the stream
 // is cut; payloads, lists, the defaults' answers, and failures.
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <new>
 #include <zlib.h>
 
 #include <stdexcept>
@@ -55,6 +58,8 @@ TEST(Reader, MessagesDeliveredAtTheirStartTag)
         "<textwidth cl=\"1\" value=\"-5\"/><textwidth cl=\"2\" value=\" 80cols\"/>"
         "<status cl=\"1\" sec=\"3\" res=\"2\" used=\"100\"/><status cl=\"1\" enc=\"1\" Used=\"4\" "
         "used=\"abc\"/>"
+        "<status cl=\"1\" used=\"+7\" res=\"99999999999999999999\" "
+        "sec=\" -000000000000000000012x\"/>"
         "<ready cl=\"abc\"/><ready cl=\" 2\"/>",
         {"#1 ready",
          "#2 init_wanted",
@@ -79,6 +84,7 @@ TEST(Reader, MessagesDeliveredAtTheirStartTag)
          "#2 textwidth 80",
          "#1 status 100 2 3",
          "#1 status 0 0 0",
+         "#1 status 7 9223372036854775807 -12",
          "#0 ready",
          "#2 ready"});
 }
@@ -168,6 +174,18 @@ TEST(Reader, StrayContentStaysOutOfTheNextMessage)
                          {"#1 output 0 '' '' 'a'", "#1 callback 2 '' 0 ''",
                           "#1 input_wanted 0 0 ''", "#1 output 0 '' '' ''",
                           "#2 output 0 '' '' 'u'"});
+}
+
+// A first message without content reads as empty text, whatever the memory
+// the reader was built in held before.
+TEST(Reader, FirstMessageWithoutContentIsEmptyInReusedMemory)
+{
+    alignas(Session) unsigned char memory[sizeof(Session)];
+    std::memset(memory, 'a', sizeof memory);
+    Session* s = new (memory) Session;
+    s->feed("<output cl=\"1\"/>");
+    EXPECT_EQ(gCalls, std::vector<std::string>{"#1 output 0 '' '' ''"});
+    s->~Session();
 }
 
 TEST(Reader, QuitWithAndWithoutClientKeepsTheCurrentClient)
@@ -311,7 +329,7 @@ TEST(Reader, ThrowingHandlersThenNormalMessages)
             "<output cl=\"1\" cid=\"9\" type=\"ty\"><text format=\"fo\">first</text></output>",
             how));
         EXPECT_EQ(s.reader.content_.length(), 0u);
-        EXPECT_EQ(s.reader.type_ + s.reader.format_, "");
+        EXPECT_EQ(std::string(s.reader.type_.c_str()) + s.reader.format_.c_str(), "");
         EXPECT_EQ(s.reader.cookie_, 0);
         EXPECT_FALSE(s.feed("<breakpoints cl=\"1\"><breakpt fname=\"a\"/></breakpoints>", how));
         EXPECT_TRUE(s.reader.dbgNames_.empty() && s.reader.dbgTexts_.empty() &&
@@ -345,7 +363,7 @@ TEST(Reader, MalformedInputCleansUpAndFailsEveryLaterChunk)
         "<text format=\"f\">abc<breakpt fname=\"x\"/><fmt name=\"b\"/>"));
     ASSERT_EQ(s.reader.dbgNames_.size() + s.reader.fmtCount_ + s.reader.content_.length(), 5u);
     EXPECT_FALSE(s.feed("</oops>"));
-    EXPECT_EQ(s.reader.type_ + s.reader.format_, "");
+    EXPECT_EQ(std::string(s.reader.type_.c_str()) + s.reader.format_.c_str(), "");
     EXPECT_EQ(s.reader.cookie_, 0);
     EXPECT_EQ(s.reader.fmtCount_, 0);
     EXPECT_EQ(s.reader.content_.length(), 0u);
