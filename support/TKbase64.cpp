@@ -4,11 +4,11 @@
 
 namespace {
 
-const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // Inverse of the alphabet for the codes '+' (43) to 'z' (122): each entry is
 // the 6-bit value plus 62, '$' marks a code that is not a base64 character.
-const char kDecode[] =
+constexpr char kDecode[] =
     "|$$$}rstuvwxyz{$$$$$$$>?@ABCDEFGHIJKLMNOPQRSTUVW$$$$$$XYZ[\\]^_`abcdefghijklmnopq";
 static_assert(sizeof kDecode == 80 + 1, "one entry per code from '+' to 'z'");
 
