@@ -90,7 +90,8 @@ struct StepEngine : Engine {
         stopped = false;
         asking = (flags & Asks) && job.kind == Job::Command;
         if (asking)
-            events->push_back({Event::Post, job.client, msgSendInput(job.client, job.cid, false, job.text)});
+            events->push_back(
+                {Event::Post, job.client, msgSendInput(job.client, job.cid, false, job.text)});
     }
     void interrupt(long client) override
     {
@@ -122,11 +123,10 @@ struct StepEngine : Engine {
             return;
         }
         if (job.kind == Job::Command)
-            events->push_back({Event::Post, job.client,
-                               stopped ? msgOutputText(job.client, job.cid, "error", "text",
-                                                       "interrupted")
-                                       : msgOutputText(job.client, job.cid, "result", "text",
-                                                       job.text)});
+            events->push_back(
+                {Event::Post, job.client,
+                 stopped ? msgOutputText(job.client, job.cid, "error", "text", "interrupted")
+                         : msgOutputText(job.client, job.cid, "result", "text", job.text)});
         events->push_back({Event::Done, job.client, std::string()});
         if (job.kind == Job::Command)
             events->push_back({Event::Post, job.client, msgFinished(job.client, job.cid)});
@@ -136,8 +136,8 @@ struct StepEngine : Engine {
 // The server's part: connections, the dispatcher, the engine's reports.
 class Kernel : private Dispatcher::Host {
 public:
-    explicit Kernel(unsigned flags) : dispatcher_(*this, engine_, std::chrono::milliseconds(0),
-                                                  std::chrono::milliseconds(0))
+    explicit Kernel(unsigned flags)
+        : dispatcher_(*this, engine_, std::chrono::milliseconds(0), std::chrono::milliseconds(0))
     {
         engine_.flags = flags;
         engine_.events = &events_;
@@ -327,7 +327,8 @@ double run(const uint8_t* data, std::size_t size, int times)
             });
             // What the kernel holds and does not count: the harness's own
             // copies of what the clients heard, queue entries, records.
-            if (before && allocated() > before + k.counted() + 32 * (size + 1) * times + (4u << 20)) {
+            if (before &&
+                allocated() > before + k.counted() + 32 * (size + 1) * times + (4u << 20)) {
                 std::fprintf(stderr, "%zu bytes allocated, %zu counted\n", allocated() - before,
                              k.counted());
                 __builtin_trap();
@@ -353,10 +354,11 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     std::vector<std::string> seeds = {
         nc + "<init><iarg value=\"-l\"/><iarg value=\"L\"/></init><cmd cid=\"3\"><text>1&lt;2"
              "</text></cmd><stop/><sendstatus/><complete value=\"fa\"/><quit/>",
-        nc + nc + "<cmd cl=\"2\" cid=\"1\"><text>a</text></cmd><input cl=\"2\"><text>x</text>"
-                  "</input><cmd cl=\"1\" cid=\"2\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode>"
-                  "</cmd><callresult error=\"0\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode>"
-                  "</callresult><format type=\"result\" value=\"tex\"/>",
+        nc + nc +
+            "<cmd cl=\"2\" cid=\"1\"><text>a</text></cmd><input cl=\"2\"><text>x</text>"
+            "</input><cmd cl=\"1\" cid=\"2\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode>"
+            "</cmd><callresult error=\"0\"><mcode format=\"utf8\">eJxLTEoGAAJNASc=</mcode>"
+            "</callresult><format type=\"result\" value=\"tex\"/>",
         nc + "<a><a><a><b x=\"1\">" + std::string(300, 'y') + "<cmd><text>" + std::string(300, 'z'),
     };
     std::vector<std::string> withFlags;
