@@ -14,7 +14,7 @@ install(TARGETS tamclient tamix_api EXPORT TamixTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/tamix/tamix.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tamix COMPONENT devel)
 
-foreach(program tamcon tamix tamkern)
+foreach(program tamcon tamix tamkern tamkern-evaluator)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   endif()

@@ -5,13 +5,15 @@
 # tests/fuzz/corpus/<name>. New inputs collect in build-fuzz/corpus/<name>;
 # with FUZZ_MERGE=1 they are merged, minimised, into the stored corpus.
 # A crash, leak or time-out stops the run with libFuzzer's report and the
-# input that caused it (build-fuzz/crash-*).
+# input that caused it (build-fuzz/crash-*). fuzz_connection runs a second
+# time in its resource mode (TAMKERN_FUZZ_RESOURCE=1: every input also fed
+# 32 times over, failing on time or memory that grows faster than it).
 #   make fuzz [FUZZ_SECONDS=600] [FUZZ_MERGE=1] [FUZZERS="fuzz_codecs ..."]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
 build=${FUZZ_BUILD:-build-fuzz}
-all=(fuzz_xmsg_reader fuzz_codecs fuzz_requests)
+all=(fuzz_xmsg_reader fuzz_codecs fuzz_requests fuzz_connection)
 read -r -a fuzzers <<<"${FUZZERS:-${all[*]}}"
 
 ./scripts/setup.sh clang libclang-rt-dev
@@ -30,20 +32,33 @@ locales_for() {
   esac
 }
 
+# Runs (and their environment) of a harness: the kernel's connection
+# harness also in its resource mode.
+modes_for() {
+  case $1 in
+    fuzz_connection) echo "plain resource" ;;
+    *) echo "plain" ;;
+  esac
+}
+
 for f in "${fuzzers[@]}"; do
   stored=tests/fuzz/corpus/$f
   work=$build/corpus/$f
   mkdir -p "$stored" "$work"
   for loc in $(locales_for "$f"); do
-    echo "fuzz: $f under $loc for ${seconds}s"
-    log=$build/$f.$loc.log
-    if ! (cd "$build" && LC_ALL=$loc ASAN_OPTIONS=detect_leaks=1 \
-      "./bin/$f" "../$work" "../$stored" -max_total_time="$seconds" -rss_limit_mb=2048 \
-      -timeout=10 -print_final_stats=1 >"../$log" 2>&1); then
-      echo "fuzz: $f found something; see $log" >&2
-      exit 1
-    fi
-    grep -E '^(Done|stat::(number_of_executed_units|peak_rss_mb))' "$log"
+    for mode in $(modes_for "$f"); do
+      echo "fuzz: $f under $loc ($mode) for ${seconds}s"
+      log=$build/$f.$loc.$mode.log
+      resource=()
+      [ "$mode" = resource ] && resource=(TAMKERN_FUZZ_RESOURCE=1)
+      if ! (cd "$build" && env "${resource[@]}" LC_ALL="$loc" ASAN_OPTIONS=detect_leaks=1 \
+        "./bin/$f" "../$work" "../$stored" -max_total_time="$seconds" -rss_limit_mb=2048 \
+        -timeout=10 -print_final_stats=1 >"../$log" 2>&1); then
+        echo "fuzz: $f found something; see $log" >&2
+        exit 1
+      fi
+      grep -E '^(Done|stat::(number_of_executed_units|peak_rss_mb))' "$log"
+    done
   done
   if [ "${FUZZ_MERGE:-0}" = 1 ]; then
     (cd "$build" && LC_ALL=en_US.UTF-8 "./bin/$f" -merge=1 "../$stored" "../$work" 2>&1 | tail -n 2)

@@ -1,13 +1,15 @@
 #include "tamkern/Capture.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <iostream>
-#include <poll.h>
+#include <mutex>
 #include <unistd.h>
 
 #include "tamkern/Paths.h"
@@ -29,6 +31,11 @@ namespace {
 int gLogFd = 2;
 bool gLogIsFile = false;
 std::mutex gLogMutex;
+
+// The rate limit: lines that may be written now, and those left out.
+double gLogTokens = LogBurst;
+std::chrono::steady_clock::time_point gLogRefilled = std::chrono::steady_clock::now();
+long gLogDropped = 0;
 
 // "tamkern: ", or for a file, which several kernels may share, the time and
 // the process as well.
@@ -64,19 +71,25 @@ bool logToFile(const std::string& path)
     return true;
 }
 
-void klog(const char* fmt, ...)
+namespace {
+
+// Takes a line's token; false if the line is to be left out.
+bool logAllowedLocked()
 {
-    char line[1024];
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    int n = linePrefix(line, sizeof line);
-    va_list ap;
-    va_start(ap, fmt);
-    int m = std::vsnprintf(line + n, sizeof line - n - 1, fmt, ap);
-    va_end(ap);
-    if (m < 0)
-        m = 0;
-    std::size_t len = std::min<std::size_t>(n + m, sizeof line - 2);
-    line[len++] = '\n';
+    auto now = std::chrono::steady_clock::now();
+    double seconds = std::chrono::duration<double>(now - gLogRefilled).count();
+    gLogRefilled = now;
+    gLogTokens = std::min<double>(LogBurst, gLogTokens + seconds * LogPerSecond);
+    if (gLogTokens < 1) {
+        ++gLogDropped;
+        return false;
+    }
+    gLogTokens -= 1;
+    return true;
+}
+
+void writeLineLocked(const char* line, std::size_t len)
+{
     std::size_t done = 0;
     while (done < len) {
         ssize_t w = ::write(gLogFd, line + done, len - done);
@@ -86,6 +99,31 @@ void klog(const char* fmt, ...)
             break;
         done += static_cast<std::size_t>(w);
     }
+}
+
+} // namespace
+
+void klog(const char* fmt, ...)
+{
+    char line[1024];
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    if (!logAllowedLocked())
+        return;
+    int n = linePrefix(line, sizeof line);
+    if (gLogDropped > 0) {
+        int k = std::snprintf(line + n, sizeof line - n, "(%ld log lines left out)\n", gLogDropped);
+        writeLineLocked(line, static_cast<std::size_t>(n + k));
+        gLogDropped = 0;
+    }
+    va_list ap;
+    va_start(ap, fmt);
+    int m = std::vsnprintf(line + n, sizeof line - n - 1, fmt, ap);
+    va_end(ap);
+    if (m < 0)
+        m = 0;
+    std::size_t len = std::min<std::size_t>(n + m, sizeof line - 2);
+    line[len++] = '\n';
+    writeLineLocked(line, len);
 }
 
 OutputCapture::~OutputCapture()
@@ -98,7 +136,7 @@ bool OutputCapture::start()
     if (pipeRead_ >= 0)
         return true;
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
+    if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
         klog("cannot create the output pipe: %s", std::strerror(errno));
         return false;
     }
@@ -111,6 +149,10 @@ bool OutputCapture::start()
                 ::close(fd);
         return false;
     }
+    int size = ::fcntl(fds[1], F_SETPIPE_SZ, PipeBytes);
+    if (size <= 0)
+        size = ::fcntl(fds[1], F_GETPIPE_SZ);
+    pipeSize_ = size > 0 ? static_cast<std::size_t>(size) : 0;
     std::fflush(stdout);
     std::fflush(stderr);
     {
@@ -127,14 +169,10 @@ bool OutputCapture::start()
     std::cerr.flush();
     oldCout_ = std::cout.rdbuf(&streamBuf_);
     oldCerr_ = std::cerr.rdbuf(&streamBuf_);
-    // The reader must never block a writer for long, and take() reads the
-    // pipe empty without waiting.
-    ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
     pipeRead_ = fds[0];
     pipeWrite_ = fds[1];
     savedOut_ = out;
     savedErr_ = err;
-    thread_ = std::thread(&OutputCapture::reader, this);
     return true;
 }
 
@@ -146,67 +184,46 @@ void OutputCapture::stop()
     std::cerr.rdbuf(oldCerr_);
     std::fflush(stdout);
     std::fflush(stderr);
-    // Once every write end is gone the reader sees the end of the pipe.
+    drain();
     ::dup2(savedOut_, 1);
     ::dup2(savedErr_, 2);
-    ::close(pipeWrite_);
-    pipeWrite_ = -1;
-    if (thread_.joinable())
-        thread_.join();
     {
         std::lock_guard<std::mutex> lock(gLogMutex);
         if (!gLogIsFile)
             gLogFd = 2;
     }
-    ::close(pipeRead_);
-    ::close(savedOut_);
-    ::close(savedErr_);
-    pipeRead_ = savedOut_ = savedErr_ = -1;
+    for (int fd : {pipeRead_, pipeWrite_, savedOut_, savedErr_})
+        ::close(fd);
+    pipeRead_ = pipeWrite_ = savedOut_ = savedErr_ = -1;
     std::string rest;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        rest.swap(buffer_);
-    }
+    rest.swap(buffer_);
     if (!rest.empty())
         klog("output after the last command: %.200s", rest.c_str());
 }
 
-void OutputCapture::reader()
-{
-    for (;;) {
-        pollfd p{pipeRead_, POLLIN, 0};
-        int r = ::poll(&p, 1, -1);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r < 0)
-            return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        char buf[4096];
-        ssize_t n = ::read(pipeRead_, buf, sizeof buf);
-        if (n == 0)
-            return; // all writers gone
-        if (n > 0)
-            appendLocked(buf, static_cast<std::size_t>(n));
-        else if (errno != EAGAIN && errno != EINTR)
-            return;
-    }
-}
-
-void OutputCapture::drainLocked()
+// Reads the pipe empty. A pipe found full may have refused writes.
+void OutputCapture::drain()
 {
     char buf[4096];
+    std::size_t got = 0;
     for (;;) {
         ssize_t n = ::read(pipeRead_, buf, sizeof buf);
-        if (n > 0)
-            appendLocked(buf, static_cast<std::size_t>(n));
-        else if (n < 0 && errno == EINTR)
+        if (n > 0) {
+            append(buf, static_cast<std::size_t>(n));
+            got += static_cast<std::size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
             continue;
-        else
-            return;
+        } else {
+            break;
+        }
     }
+    if (pipeSize_ > 0 && got >= pipeSize_)
+        truncated_ = true;
+    std::clearerr(stdout);
+    std::clearerr(stderr);
 }
 
-void OutputCapture::appendLocked(const char* data, std::size_t len)
+void OutputCapture::append(const char* data, std::size_t len)
 {
     if (buffer_.size() >= Limit) {
         truncated_ = true;
@@ -224,16 +241,14 @@ OutputCapture::StreamBuf::int_type OutputCapture::StreamBuf::overflow(int_type c
 {
     if (c != traits_type::eof()) {
         char ch = static_cast<char>(c);
-        std::lock_guard<std::mutex> lock(owner_.mutex_);
-        owner_.appendLocked(&ch, 1);
+        owner_.append(&ch, 1);
     }
     return traits_type::not_eof(c);
 }
 
 std::streamsize OutputCapture::StreamBuf::xsputn(const char* s, std::streamsize n)
 {
-    std::lock_guard<std::mutex> lock(owner_.mutex_);
-    owner_.appendLocked(s, static_cast<std::size_t>(n));
+    owner_.append(s, static_cast<std::size_t>(n));
     return n;
 }
 
@@ -242,8 +257,7 @@ std::string OutputCapture::take()
     std::string out;
     if (pipeRead_ < 0)
         return out;
-    std::lock_guard<std::mutex> lock(mutex_);
-    drainLocked();
+    drain();
     out.swap(buffer_);
     if (truncated_)
         out += "\n[further output dropped]\n";

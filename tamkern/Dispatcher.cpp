@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "tamkern/Capture.h"
@@ -18,7 +18,7 @@ namespace {
 // The command that ends the kernel, also written as "quit;" or "quit()".
 bool isQuitCommand(const std::string& text)
 {
-    std::string t = trimmed(text);
+    std::string_view t = trimmedView(text);
     return t == "quit" || t == "quit;" || t == "quit()" || t == "quit();";
 }
 
@@ -68,23 +68,39 @@ Question questionOf(Request::Kind kind)
     }
 }
 
-// The answer that an input, textinput, sysresult or callresult request gives.
-Answer answerOf(long client, const Request& req)
+// The answer that an input, textinput, sysresult or callresult request
+// gives. A callback's payload goes on undecoded: only the evaluator, when
+// it has asked, spends the time to inflate it.
+Answer answerOf(Request& req)
 {
     Answer a;
     if (req.kind == Request::SysResult) {
         a.value = std::strtoll(req.value.c_str(), nullptr, 10);
     } else if (req.kind == Request::CallResult) {
         a.canceled = req.error;
-        if (!req.error && req.hasPayload && !decodeMCode(req.payloadBase64, a.text)) {
-            klog("client %ld: callback result payload does not decode", client);
-            a.canceled = true;
-        }
+        a.encoded = req.hasPayload;
+        a.text = std::move(req.payloadBase64);
     } else {
         a.canceled = req.canceled;
-        a.text = req.text;
+        a.text = std::move(req.text);
     }
     return a;
+}
+
+// What a waiting job costs its connection.
+std::size_t jobBytes(const Job& job)
+{
+    std::size_t n = 256 + job.text.size();
+    for (const std::string& f : job.initFiles)
+        n += f.size();
+    return n;
+}
+
+// A text from a client quoted in a message of the kernel's, shortened.
+std::string quoted(const std::string& s)
+{
+    const std::size_t Max = 200;
+    return s.size() <= Max ? s : s.substr(0, Max) + "...";
 }
 
 Job jobFor(const Client& cl, Job::Kind kind)
@@ -96,24 +112,44 @@ Job jobFor(const Client& cl, Job::Kind kind)
     return job;
 }
 
-// The status figures: resident and virtual size in KiB, CPU seconds.
-std::string statusMessage(long client)
+// Adds the resident and virtual size (KiB) and the CPU time (clock ticks)
+// of the process under /proc/<proc>.
+void addFigures(const std::string& proc, long long& used, long long& res, long long& ticks)
 {
-    long long used = 0, res = 0, sec = 0;
     long page = ::sysconf(_SC_PAGESIZE);
-    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+    if (FILE* f = std::fopen((proc + "/statm").c_str(), "r")) {
         long long size = 0, resident = 0;
         if (std::fscanf(f, "%lld %lld", &size, &resident) == 2) {
-            used = resident * page / 1024;
-            res = size * page / 1024;
+            used += resident * page / 1024;
+            res += size * page / 1024;
         }
         std::fclose(f);
     }
-    rusage ru{};
-    if (::getrusage(RUSAGE_SELF, &ru) == 0)
-        sec = ru.ru_utime.tv_sec + ru.ru_stime.tv_sec +
-              (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1000000;
-    return msgStatus(client, used, res, sec);
+    // Fields 14 and 15, user and system time, after the command's name,
+    // which ends with the line's last ')'.
+    if (FILE* f = std::fopen((proc + "/stat").c_str(), "r")) {
+        char buf[1024];
+        std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+        buf[n] = '\0';
+        std::fclose(f);
+        const char* p = std::strrchr(buf, ')');
+        unsigned long long utime = 0, stime = 0;
+        if (p && std::sscanf(p + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu",
+                             &utime, &stime) == 2)
+            ticks += static_cast<long long>(utime + stime);
+    }
+}
+
+// The status figures of the kernel, its server and its evaluator process
+// together: resident and virtual size in KiB, CPU seconds.
+std::string statusMessage(long client, int evaluator)
+{
+    long long used = 0, res = 0, ticks = 0;
+    addFigures("/proc/self", used, res, ticks);
+    if (evaluator > 0)
+        addFigures("/proc/" + std::to_string(evaluator), used, res, ticks);
+    long hz = ::sysconf(_SC_CLK_TCK);
+    return msgStatus(client, used, res, hz > 0 ? ticks / hz : 0);
 }
 
 } // namespace
@@ -130,8 +166,9 @@ std::string completionList(const std::vector<std::string>& names, const std::str
     return list;
 }
 
-Dispatcher::Dispatcher(Host& host, Engine& engine, std::chrono::milliseconds stopGrace)
-    : host_(host), engine_(engine), stopGrace_(stopGrace)
+Dispatcher::Dispatcher(Host& host, Engine& engine, std::chrono::milliseconds stopWarning,
+                       std::chrono::milliseconds stopGrace)
+    : host_(host), engine_(engine), stopWarning_(stopWarning), stopGrace_(stopGrace)
 {
 }
 
@@ -158,8 +195,10 @@ void Dispatcher::announce(int conn, const Request& req)
     cl.style.plots = cl.has("can_plot");
     long id = cl.id;
     bool typeset = cl.has("can_typeset");
-    // The first message for a new id is what tells the client its id. A
-    // failed write removes the client, so nothing of it is used after.
+    // Counting the client may close the connection, and a failed write
+    // removes the client: nothing of it is used after.
+    host_.clientAdded(conn);
+    // The first message for a new id is what tells the client its id.
     host_.send(conn, msgEmpty("sendinit", id));
     if (typeset)
         host_.send(conn, msgFormats("selformat", id, "result",
@@ -188,14 +227,14 @@ Client* Dispatcher::resolve(int conn, const Request& req)
 }
 
 // Requests that need no evaluation: true if req was one.
-bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
+bool Dispatcher::answerAtOnce(Client& cl, Request& req)
 {
     switch (req.kind) {
     case Request::Stop:
         stop(cl);
         return true;
     case Request::SendStatus:
-        host_.send(cl.conn, statusMessage(cl.id));
+        host_.send(cl.conn, statusMessage(cl.id, engine_.processId()));
         return true;
     case Request::Quit:
         removeClient(cl.id);
@@ -206,7 +245,7 @@ bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
     case Request::TextInput:
     case Request::SysResult:
     case Request::CallResult:
-        engine_.answer(cl.id, questionOf(req.kind), answerOf(cl.id, req));
+        engine_.answer(cl.id, questionOf(req.kind), answerOf(req));
         return true;
     case Request::TextWidth:
     case Request::PrettyPrint:
@@ -230,25 +269,105 @@ bool Dispatcher::answerAtOnce(Client& cl, const Request& req)
 void Dispatcher::stop(const Client& cl)
 {
     engine_.interrupt(cl.id);
+    stopRunning(cl.id);
+}
+
+// The grace of a stopped command begins, if client's command runs.
+void Dispatcher::stopRunning(long client)
+{
     Running& r = running_;
-    if (r.active && r.kind == Job::Command && r.client == cl.id &&
-        r.deadline == Clock::time_point::max())
-        r.deadline = Clock::now() + stopGrace_;
+    if (r.active && r.kind == Job::Command && r.client == client &&
+        r.stopped == Clock::time_point::max())
+        r.stopped = Clock::now();
 }
 
 Dispatcher::Clock::time_point Dispatcher::stopDeadline() const
 {
-    return running_.active && !running_.warned ? running_.deadline : Clock::time_point::max();
+    const Running& r = running_;
+    if (!r.active || r.stopped == Clock::time_point::max())
+        return Clock::time_point::max();
+    return r.stopped + (r.warned ? stopGrace_ : stopWarning_);
 }
 
 void Dispatcher::checkStopped(Clock::time_point now)
 {
     Running& r = running_;
-    if (!r.active || r.warned || now < r.deadline)
+    if (!r.active || r.stopped == Clock::time_point::max())
+        return;
+    if (now >= r.stopped + stopGrace_) {
+        restartStopped();
+        return;
+    }
+    if (r.warned || now < r.stopped + stopWarning_)
         return;
     r.warned = true;
     if (const Client* cl = session_.find(r.client))
         host_.send(cl->conn, msgOutputText(cl->id, r.cid, "warning", "text", NotResponding));
+}
+
+// The stopped command would not end: a fresh evaluator ends it.
+void Dispatcher::restartStopped()
+{
+    Running r = std::move(running_);
+    running_ = Running();
+    klog("client %ld's command did not respond to stop; restarting the evaluator", r.client);
+    engine_.restart();
+    if (const Client* cl = session_.find(r.client)) {
+        int conn = cl->conn;
+        host_.send(conn, msgOutputText(r.client, r.cid, "error", "text", RestartedAfterStop));
+        host_.send(conn, msgFinished(r.client, r.cid));
+    }
+    afterRestart(r.client);
+}
+
+void Dispatcher::evaluatorLost(const std::string& why)
+{
+    Running r = std::move(running_);
+    running_ = Running();
+    const std::string crash = std::string(Crashed) + " (" + why +
+                              ") and was restarted: the session's variables and history are lost";
+    if (r.active && r.kind == Job::Command) {
+        if (const Client* cl = session_.find(r.client)) {
+            int conn = cl->conn;
+            host_.send(conn, msgOutputText(r.client, r.cid, "error", "text", crash));
+            host_.send(conn, msgFinished(r.client, r.cid));
+        }
+    } else if (r.active) {
+        // Start-up files that crash it are not run again; whoever waits for
+        // them hears why and is ready.
+        for (const std::string& f : r.initFiles) {
+            loadingFiles_.erase(f);
+            loadedFiles_.insert(f);
+            reloadFiles_.erase(std::remove(reloadFiles_.begin(), reloadFiles_.end(), f),
+                               reloadFiles_.end());
+            for (WaitingInit& w : waitingInits_)
+                if (std::find(w.files.begin(), w.files.end(), f) != w.files.end())
+                    w.warnings.push_back(f + ": " + crash);
+        }
+        releaseReadyInits();
+    }
+    afterRestart(r.active && r.kind == Job::Command ? r.client : -1);
+}
+
+// The fresh evaluator first evaluates the start-up files the session had
+// evaluated; every client but except hears that the session is new.
+void Dispatcher::afterRestart(long except)
+{
+    // A failed send removes clients: the list is taken first.
+    std::vector<std::pair<long, int>> others;
+    for (const Client* cl : session_.all())
+        if (cl->id != except)
+            others.emplace_back(cl->id, cl->conn);
+    for (const auto& o : others)
+        if (session_.find(o.first))
+            host_.send(o.second, msgOutputText(o.first, 0, "warning", "text", Restarted));
+    if (!reloadFiles_.empty()) {
+        Job job;
+        job.kind = Job::Init;
+        job.initFiles = reloadFiles_;
+        queue_.push_front(Pending{-1, std::move(job), std::string()});
+    }
+    dispatch();
 }
 
 void Dispatcher::connectionClosed(int conn)
@@ -262,12 +381,19 @@ void Dispatcher::connectionClosed(int conn)
 // the session's and still wait for their turn.
 void Dispatcher::removeClient(long id)
 {
-    if (!session_.remove(id))
+    const Client* cl = session_.find(id);
+    if (!cl)
         return;
+    int conn = cl->conn;
+    session_.remove(id);
+    host_.clientRemoved(conn);
+    // A computation that ignores the stop does not outlive its client for
+    // longer than the grace.
     engine_.clientGone(id);
+    stopRunning(id);
     for (auto q = queue_.begin(); q != queue_.end();) {
         if (q->job.client == id && q->job.kind == Job::Command) {
-            host_.requestTaken(q->conn);
+            host_.requestTaken(q->conn, jobBytes(q->job));
             q = queue_.erase(q);
         } else {
             ++q;
@@ -298,11 +424,13 @@ void Dispatcher::names(std::vector<std::string> names)
 void Dispatcher::complete(const Client& cl, const std::string& prefix)
 {
     // Until the engine has started there is nothing to complete from.
-    if (!haveNames_) {
+    bool hopeless = prefix.size() > MaxPrefix;
+    if (!haveNames_ && !hopeless && waitingCompletions_.size() < MaxWaitingCompletions) {
         waitingCompletions_.emplace_back(cl.id, prefix);
         return;
     }
-    host_.send(cl.conn, msgCompletion(cl.id, completionList(names_, prefix), prefix));
+    std::string list = haveNames_ && !hopeless ? completionList(names_, prefix) : std::string();
+    host_.send(cl.conn, msgCompletion(cl.id, list, prefix));
 }
 
 void Dispatcher::init(Client& cl, const Request& req)
@@ -315,7 +443,7 @@ void Dispatcher::init(Client& cl, const Request& req)
         else if (a[i] == "-l")
             w.warnings.push_back("-l needs a directory");
         else
-            w.warnings.push_back("unknown argument: " + a[i]);
+            w.warnings.push_back("unknown argument: " + quoted(a[i]));
     }
     Job job = jobFor(cl, Job::Init);
     for (const std::string& f : w.files)
@@ -368,21 +496,35 @@ void Dispatcher::command(Client& cl, Request& req)
     if (!req.hasPayload) {
         job.text = std::move(req.text);
     } else if (req.payloadFormat != "utf8") {
-        error = "unsupported payload format \"" + req.payloadFormat + "\"";
-    } else if (!decodeMCode(req.payloadBase64, job.text)) {
-        klog("client %ld: command payload does not decode", cl.id);
-        error = "the command's payload does not decode";
-    } else if (isQuitCommand(job.text)) {
-        quit();
-        return;
+        error = "unsupported payload format \"" + quoted(req.payloadFormat) + "\"";
+    } else {
+        // A short payload is read here (it may be the quit command); a long
+        // one is the evaluator's to inflate, off this loop.
+        switch (decodeMCode(req.payloadBase64, job.text, InlinePayload)) {
+        case Decoded::Whole:
+            if (isQuitCommand(job.text)) {
+                quit();
+                return;
+            }
+            break;
+        case Decoded::TooLarge:
+            job.text = std::move(req.payloadBase64);
+            job.encoded = true;
+            break;
+        case Decoded::Damaged:
+            klog("client %ld: command payload does not decode", cl.id);
+            error = "the command's payload does not decode";
+            break;
+        }
     }
     enqueue(cl.conn, std::move(job), std::move(error));
 }
 
 void Dispatcher::enqueue(int conn, Job job, std::string error)
 {
+    std::size_t bytes = jobBytes(job);
     queue_.push_back(Pending{conn, std::move(job), std::move(error)});
-    host_.requestQueued(conn);
+    host_.requestQueued(conn, bytes);
     dispatch();
 }
 
@@ -391,7 +533,7 @@ void Dispatcher::dispatch()
     while (!running_.active && !queue_.empty() && !quitting_) {
         Pending p = std::move(queue_.front());
         queue_.pop_front();
-        host_.requestTaken(p.conn);
+        host_.requestTaken(p.conn, jobBytes(p.job));
         runQueued(p);
     }
 }
@@ -428,6 +570,8 @@ void Dispatcher::jobDone()
     for (const std::string& f : done.initFiles) {
         loadingFiles_.erase(f);
         loadedFiles_.insert(f);
+        if (std::find(reloadFiles_.begin(), reloadFiles_.end(), f) == reloadFiles_.end())
+            reloadFiles_.push_back(f);
     }
     releaseReadyInits();
 }

@@ -3,6 +3,7 @@
 #define TAMKERN_DISPATCHER_H
 
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <set>
 #include <string>
@@ -41,21 +42,40 @@ public:
         // Queues the kernel's last message on every connection; none of them
         // is read any more.
         virtual void sendLastToAll(std::string bytes) = 0;
-        // A request of connection conn starts or stops waiting for its turn.
-        virtual void requestQueued(int conn) = 0;
-        virtual void requestTaken(int conn) = 0;
+        // A request of connection conn, holding bytes, starts or stops
+        // waiting for its turn. Either may close the connection.
+        virtual void requestQueued(int conn, std::size_t bytes) = 0;
+        virtual void requestTaken(int conn, std::size_t bytes) = 0;
+        // A client of connection conn is announced or leaves. Either may
+        // close the connection.
+        virtual void clientAdded(int conn) = 0;
+        virtual void clientRemoved(int conn) = 0;
     };
 
     using Clock = std::chrono::steady_clock;
     // How long a stopped command may take to end before its client hears
-    // that the computation does not respond.
-    static constexpr std::chrono::milliseconds StopGrace{3000};
-    // The text of that warning.
+    // that the computation does not respond, and before the evaluator is
+    // restarted to end it (also when its client has left).
+    static constexpr std::chrono::milliseconds StopWarning{3000};
+    static constexpr std::chrono::milliseconds StopGrace{5000};
+    // The texts of that warning, of the command's error when the evaluator
+    // had to be restarted, and of the warning the other clients then get.
     static constexpr const char* NotResponding =
-        "the computation does not respond to stop; restart the kernel to end it";
+        "the computation does not respond to stop; the evaluator is restarted if it has not "
+        "stopped in 2 more seconds";
+    static constexpr const char* RestartedAfterStop =
+        "interrupted; the computation did not respond to stop, so the evaluator was restarted: "
+        "the session's variables and history are lost";
+    static constexpr const char* Restarted =
+        "the evaluator was restarted: the session's variables and history are lost";
+    // How the error of a command whose evaluator crashed begins; the
+    // engine's account of the crash and the loss follow.
+    static constexpr const char* Crashed = "the evaluator crashed";
 
     // Sends through host; jobs go to engine, which must have been started.
-    Dispatcher(Host& host, Engine& engine, std::chrono::milliseconds stopGrace = StopGrace);
+    // stopWarning and stopGrace as above.
+    Dispatcher(Host& host, Engine& engine, std::chrono::milliseconds stopWarning = StopWarning,
+               std::chrono::milliseconds stopGrace = StopGrace);
 
     // A complete request from connection conn. Ignored once quitting.
     void request(int conn, Request& req);
@@ -67,13 +87,27 @@ public:
     void names(std::vector<std::string> names);
     // The engine has finished its job and takes the next one.
     void jobDone();
+    // The engine's evaluator died (why says how) and a fresh one took its
+    // place: the running job's client hears so, the others are warned, and
+    // the start-up files run again first.
+    void evaluatorLost(const std::string& why);
     // Runs queued requests until one goes to the engine or none is left.
     void dispatch();
-    // When the client of a stopped command that still runs is to be told
-    // that it does not respond; Clock::time_point::max() if there is none.
+    // When a stopped command that still runs is next to be seen to: its
+    // client warned, or the evaluator restarted; Clock::time_point::max()
+    // if there is none.
     Clock::time_point stopDeadline() const;
-    // Tells that client, once, if now is past that time.
+    // Does that if now is past that time.
     void checkStopped(Clock::time_point now);
+
+    // Completions waiting for the engine's first names at most; later ones
+    // are answered with none.
+    static constexpr std::size_t MaxWaitingCompletions = 256;
+    // A prefix longer than any name completes to nothing at once.
+    static constexpr std::size_t MaxPrefix = 256;
+    // Payloads of commands inflating to this much at most are read by the
+    // server; longer ones by the evaluator.
+    static constexpr std::size_t InlinePayload = 4096;
 
     // A client asked the kernel to quit: every connection has been told.
     bool quitting() const { return quitting_; }
@@ -93,7 +127,7 @@ private:
         long client = -1;
         long long cid = 0;
         std::vector<std::string> initFiles;
-        Clock::time_point deadline = Clock::time_point::max();
+        Clock::time_point stopped = Clock::time_point::max(); // when stop came
         bool warned = false;
     };
     // A client whose init waits for start-up files.
@@ -105,7 +139,7 @@ private:
 
     void announce(int conn, const Request& req);
     Client* resolve(int conn, const Request& req);
-    bool answerAtOnce(Client& cl, const Request& req);
+    bool answerAtOnce(Client& cl, Request& req);
     void removeClient(long id);
     void enqueue(int conn, Job job, std::string error = std::string());
     void runQueued(Pending& p);
@@ -116,11 +150,14 @@ private:
     void releaseReadyInits();
     void command(Client& cl, Request& req);
     void stop(const Client& cl);
+    void stopRunning(long client);
+    void restartStopped();
+    void afterRestart(long except);
     void quit();
 
     Host& host_;
     Engine& engine_;
-    std::chrono::milliseconds stopGrace_;
+    std::chrono::milliseconds stopWarning_, stopGrace_;
     Session session_;
     std::deque<Pending> queue_;
     Running running_;
@@ -129,6 +166,7 @@ private:
     bool haveNames_ = false;
     std::vector<std::pair<long, std::string>> waitingCompletions_; // until names come
     std::set<std::string> loadedFiles_, loadingFiles_;
+    std::vector<std::string> reloadFiles_; // evaluated whole, in order: again after a restart
     std::vector<WaitingInit> waitingInits_;
 };
 

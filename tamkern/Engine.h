@@ -1,7 +1,7 @@
 // The evaluator as the server sees it. Everything crosses as values: jobs
 // and answers go in, messages for the clients (complete wire bytes) and the
-// end of each job come back through the host, so that an engine can as well
-// run elsewhere, behind a pipe, as on a thread of this process.
+// end of each job come back through the host, so that the engine can run
+// elsewhere: the kernel runs it in a process of its own, behind a socket.
 #ifndef TAMKERN_ENGINE_H
 #define TAMKERN_ENGINE_H
 
@@ -31,6 +31,7 @@ struct Job {
     long client = -1;
     long long cid = 0;
     std::string text;                   // command text
+    bool encoded = false;               // text is still the base64 of a zlib stream
     std::vector<std::string> initFiles; // start-up files, in order
     bool history = true;                // keep the command and its result
     ResultStyle style;
@@ -41,11 +42,12 @@ enum class Question { Input, TextInput, System, Callback };
 struct Answer {
     bool canceled = false; // input canceled, callback error
     std::string text;      // input text, callback payload bytes
+    bool encoded = false;  // text is still the base64 of a zlib stream
     long long value = 0;   // system result
 };
 
-// What the engine reports to the server. Every call may come from any
-// thread; calls keep their order.
+// What the engine reports to the server, in order, from the server's
+// thread; the host acts on it once the engine's call has returned.
 class EngineHost {
 public:
     virtual ~EngineHost() = default;
@@ -60,11 +62,14 @@ public:
     // which comes right after this call: a request its client sends on
     // seeing that message finds the engine free.
     virtual void jobDone() = 0;
+    // The evaluator died on its own (why says how) and a fresh one with an
+    // empty session has taken its place: the job it had, if any, is over
+    // without jobDone(), and what it had not posted is lost.
+    virtual void lost(std::string why) = 0;
 };
 
 // Runs the jobs of all clients in one shared session, one job at a time.
-// Called on the server's thread only; no call but shutdown() waits for a
-// computation.
+// Called on the server's thread only; no call waits for a computation.
 class Engine {
 public:
     virtual ~Engine() = default;
@@ -86,9 +91,21 @@ public:
     // that job is waiting for an answer of this kind.
     virtual void answer(long client, Question kind, Answer answer) = 0;
     // Ends the session: interrupts what runs and waits up to timeoutMs for
-    // it to stop. false if it is still running, busy in code that ignores
-    // interrupts; the engine must then not be destroyed.
+    // it to stop, then ends it by force. false if it could not be ended.
     virtual bool shutdown(int timeoutMs) = 0;
+    // Ends the evaluator at once, whatever it is doing, and starts a fresh
+    // one with an empty session. The job it had is over without jobDone();
+    // lost() is not called. false if this engine cannot.
+    virtual bool restart() = 0;
+
+    // For the server's poll loop: the descriptor to watch (-1: none), the
+    // events to watch it for, and what to do when poll() reports some.
+    virtual int pollFd() const { return -1; }
+    virtual short pollEvents() const { return 0; }
+    virtual void serve(short /*revents*/) {}
+    // The process that computes, for its figures in status; 0 if none of
+    // its own.
+    virtual int processId() const { return 0; }
 };
 
 } // namespace tamkern

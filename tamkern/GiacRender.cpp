@@ -26,7 +26,8 @@ std::string layoutText(const giac::gen& r, const ResultStyle& style, const giac:
             s += trimmed(row.print(ctx));
         }
     } else {
-        s = trimmed(r.print(ctx));
+        s = r.print(ctx);
+        trimInPlace(s);
     }
     if (style.abbreviate)
         s = abbreviate(s);

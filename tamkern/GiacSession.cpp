@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
@@ -21,6 +22,24 @@
 #include "tamkern/Messages.h"
 #include "tamkern/Paths.h"
 #include "tamkern/TextLayout.h"
+
+// Giac's parser reports a syntax error with the text of the line it
+// happened in, which it finds through a pointer to a copy of the input that
+// it has freed by then: garbage for short inputs, a crash for long ones,
+// whose freed copy is no longer mapped. libgiac calls this reporter through
+// the dynamic linker, so the program's own (exported) definition is the one
+// called: it clears that pointer and hands over to Giac's, which then names
+// the line, the column and the token only.
+YY_EXTRA_TYPE giac_yyget_extra(void* scanner);
+
+__attribute__((visibility("default"))) int giac_yyerror(void* scanner, const char* s)
+{
+    using Reporter = int (*)(void*, const char*);
+    static const Reporter giacs =
+        reinterpret_cast<Reporter>(::dlsym(RTLD_NEXT, "_Z12giac_yyerrorPvPKc"));
+    giac::currently_scanned(giac_yyget_extra(scanner)) = nullptr;
+    return giacs ? giacs(scanner, s) : 0;
+}
 
 namespace tamkern {
 
@@ -303,7 +322,7 @@ giac::gen GiacSession::evalAnswer(const std::string& text, const char* what)
 GiacSession::Outcome GiacSession::evaluate(const std::string& text, bool silent)
 {
     Outcome out;
-    if (trimmed(text).empty()) {
+    if (trimmedView(text).empty()) {
         out.ok = out.nothing = true; // an empty line asks for nothing
         return out;
     }
@@ -450,8 +469,14 @@ void GiacSession::postResult(const giac::gen& r, const Job& j)
         post(resultMessage(r, j, ctx_));
         return;
     }
-    std::string name = "plot-" + std::to_string(plots_.next) + ".svg";
-    std::string path = plots_.dir + "/" + name;
+    // An evaluator started after another one's crash goes on after its
+    // files: a front end may still show them.
+    std::string name, path;
+    struct stat st;
+    do {
+        name = "plot-" + std::to_string(plots_.next++) + ".svg";
+        path = plots_.dir + "/" + name;
+    } while (::stat(path.c_str(), &st) == 0);
     try {
         writePlotFile(path, plotSvg(r, ctx_));
     } catch (const std::exception& ex) {
@@ -459,7 +484,6 @@ void GiacSession::postResult(const giac::gen& r, const Job& j)
         post(resultMessage(r, j, ctx_));
         return;
     }
-    ++plots_.next;
     post(msgPlotFile(j.client, j.cid, path));
     post(msgOutputText(j.client, j.cid, "result", "text", "2-D plot: " + name));
 }

@@ -1,6 +1,6 @@
-// Inside the Giac engine: the session that its worker thread runs jobs in,
-// and what the session's parts share. Giac's types are only named here, so
-// that the engine's thread code compiles without Giac's headers.
+// Inside the evaluator: the session it runs jobs in, and what the session's
+// parts share. Giac's types are only named here, so that the evaluator's
+// own code compiles without Giac's headers.
 #ifndef TAMKERN_GIACSESSION_H
 #define TAMKERN_GIACSESSION_H
 
@@ -78,8 +78,8 @@ struct PlotFiles {
 };
 
 // The one Giac context that all clients share, with its history of commands
-// and results. Made, used and destroyed on the worker thread, and never more
-// than one at a time.
+// and results. Made, used and destroyed on the evaluator's working thread,
+// and never more than one at a time.
 class GiacSession {
 public:
     using NamesSink = std::function<void(std::vector<std::string>)>;
@@ -96,7 +96,8 @@ public:
     // (a command's finished), which is returned, or empty if there is none.
     std::string run(const Job& job, JobChannel& channel);
 
-    // Sets or clears Giac's interrupt flags. Safe from any thread.
+    // Sets or clears Giac's interrupt flags. Safe from any thread and from
+    // a signal handler.
     static void setInterrupt(bool on);
 
     // For the kernel's own Giac functions, which Giac calls with nothing of

@@ -102,6 +102,9 @@ bool Listener::open()
     return true;
 }
 
+// The socket is bound under a name of its own beside the path and renamed
+// into place once it listens: a front end that finds the file can connect
+// at once. (A path too long for that is bound directly.)
 bool Listener::bindAndListen()
 {
     sockaddr_un addr{};
@@ -111,19 +114,28 @@ bool Listener::bindAndListen()
         return false;
     }
     std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
+    if (!clearStale(addr))
+        return false;
+    const std::string staging = path_ + "." + std::to_string(::getpid());
+    sockaddr_un bound = addr;
+    if (staging.size() < sizeof bound.sun_path) {
+        std::memcpy(bound.sun_path, staging.c_str(), staging.size() + 1);
+        ::unlink(bound.sun_path); // left by a kernel of the same pid
+    }
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         klog("socket: %s", std::strerror(errno));
         return false;
     }
-    if (!clearStale(addr) || !bindOwnerOnly(fd, addr)) {
+    if (!bindOwnerOnly(fd, bound)) {
         ::close(fd);
         return false;
     }
-    if (::listen(fd, 16) != 0) {
-        klog("listen: %s", std::strerror(errno));
+    const bool staged = std::strcmp(bound.sun_path, addr.sun_path) != 0;
+    if (::listen(fd, 16) != 0 || (staged && ::rename(bound.sun_path, addr.sun_path) != 0)) {
+        klog("listen at %s: %s", path_.c_str(), std::strerror(errno));
         ::close(fd);
-        ::unlink(path_.c_str());
+        ::unlink(bound.sun_path);
         return false;
     }
     int fl = ::fcntl(fd, F_GETFL);

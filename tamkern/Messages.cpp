@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "support/TKT_stream.h"
 #include "support/TKpayload.h"
@@ -48,7 +49,19 @@ std::size_t utf8Length(std::string_view s, std::size_t i)
 
 } // namespace
 
-void appendEscaped(std::string& out, std::string_view text)
+namespace {
+
+// Counts what escaping would append, so that a huge text is escaped into a
+// string of the right size at once rather than one that doubles around it.
+struct Counter {
+    std::size_t n = 0;
+    Counter& operator+=(char) { return ++n, *this; }
+    Counter& operator+=(const char* s) { return n += std::strlen(s), *this; }
+    void append(std::string_view s) { n += s.size(); }
+};
+
+template <typename Out>
+void escapeInto(Out& out, std::string_view text)
 {
     for (std::size_t i = 0; i < text.size();) {
         unsigned char c = static_cast<unsigned char>(text[i]);
@@ -97,6 +110,18 @@ void appendEscaped(std::string& out, std::string_view text)
     }
 }
 
+} // namespace
+
+void appendEscaped(std::string& out, std::string_view text)
+{
+    if (text.size() > 4096) {
+        Counter count;
+        escapeInto(count, text);
+        out.reserve(out.size() + count.n);
+    }
+    escapeInto(out, text);
+}
+
 std::string escaped(std::string_view text)
 {
     std::string out;
@@ -141,18 +166,37 @@ void appendMCode(std::string& out, std::string_view format, std::string_view byt
     out += "</mcode>";
 }
 
+Decoded decodeMCode(std::string_view base64, std::string& bytes, std::size_t limit)
+{
+    bytes.clear();
+    StringSink sink(bytes, limit);
+    TKpayloadDecoder decoder;
+    // In pieces, so that a refusal stops the work early.
+    const std::size_t Piece = 4096;
+    for (std::size_t at = 0; at < base64.size(); at += Piece) {
+        std::size_t n = std::min(Piece, base64.size() - at);
+        switch (decoder.write(base64.data() + at, static_cast<long>(n), sink)) {
+        case TKpayloadDecoder::SinkFailed:
+            return Decoded::TooLarge;
+        case TKpayloadDecoder::More:
+            continue;
+        case TKpayloadDecoder::End:
+            return Decoded::Whole; // later text is ignored
+        default:
+            return Decoded::Damaged;
+        }
+    }
+    TKpayloadDecoder::Result r = decoder.finish(sink);
+    if (r == TKpayloadDecoder::SinkFailed)
+        return Decoded::TooLarge;
+    return r == TKpayloadDecoder::End ? Decoded::Whole : Decoded::Damaged;
+}
+
 bool decodeMCode(std::string_view base64, std::string& bytes)
 {
     // A request is a command, not a bulk transfer; this also defuses
     // payloads that inflate enormously.
-    const std::size_t MaxPayload = 16u << 20;
-    bytes.clear();
-    StringSink sink(bytes, MaxPayload);
-    TKpayloadDecoder decoder;
-    if (decoder.write(base64.data(), static_cast<long>(base64.size()), sink) ==
-        TKpayloadDecoder::SinkFailed)
-        return false;
-    return decoder.finish(sink) == TKpayloadDecoder::End;
+    return decodeMCode(base64, bytes, MaxPayload) == Decoded::Whole;
 }
 
 Message::Message(const char* name, long cl) : name_(name)
@@ -199,6 +243,11 @@ Message& Message::raw(std::string_view xml)
 Message& Message::text(std::string_view format, std::string_view content)
 {
     open();
+    if (content.size() > 4096) {
+        Counter count;
+        escapeInto(count, content);
+        out_.reserve(out_.size() + count.n + format.size() + 64 + std::strlen(name_));
+    }
     out_ += "<text format=\"";
     appendEscaped(out_, format);
     out_ += "\">";

@@ -3,6 +3,7 @@
 #ifndef TAMKERN_MESSAGES_H
 #define TAMKERN_MESSAGES_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,9 +22,16 @@ std::string escaped(std::string_view text);
 void appendMCode(std::string& out, std::string_view format, std::string_view bytes);
 
 // Decodes the base64 text of an mcode element and inflates it. false when the
-// data is not a complete zlib stream or inflates to more than 16 MiB; bytes
-// then holds what inflated (at most 16 MiB).
+// data is not a complete zlib stream or inflates to more than MaxPayload;
+// bytes then holds what inflated (at most MaxPayload).
 bool decodeMCode(std::string_view base64, std::string& bytes);
+constexpr std::size_t MaxPayload = std::size_t(16) << 20;
+
+// The same with a limit of the caller's, and a word on what went wrong.
+// The work done is bounded by the limit, not by the size of the text:
+// decoding stops as soon as the limit is passed.
+enum class Decoded { Whole, TooLarge, Damaged };
+Decoded decodeMCode(std::string_view base64, std::string& bytes, std::size_t limit);
 
 // A message under construction: <name cl="N" ...> with attributes appended
 // in order, then either closed empty or given content.

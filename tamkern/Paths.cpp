@@ -19,6 +19,17 @@ std::string baseDir(const char* var, const char* fallback)
     return std::string(home) + "/" + fallback;
 }
 
+std::string programDir()
+{
+    char buf[4096];
+    ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        return ".";
+    std::string path(buf, static_cast<std::size_t>(n));
+    std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash ? slash : 1);
+}
+
 std::string defaultLogFile()
 {
     std::string state = baseDir("XDG_STATE_HOME", ".local/state");

@@ -18,6 +18,10 @@ std::string defaultLogFile();
 // runtime directory.
 std::string plotDirFor(long pid);
 
+// The directory of the running program (from /proc/self/exe); "." if it
+// cannot be told.
+std::string programDir();
+
 // Makes dir and whatever parents are missing, owner-only. false (errno set)
 // if it cannot be made or is no directory.
 bool makeDirs(const std::string& dir);

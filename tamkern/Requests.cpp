@@ -107,7 +107,7 @@ const char* requestName(Request::Kind kind)
 
 RequestReader::RequestReader(Sink sink) : sink_(std::move(sink))
 {
-    parser_ = std::make_unique<Xml::Parser>(static_cast<Xml::Handler*>(this), false, "UTF-8");
+    parser_ = std::make_unique<Xml::Parser>(static_cast<Xml::Handler*>(this), false, "UTF-8", true);
     feed(kRoot, static_cast<int>(sizeof kRoot - 1));
 }
 
@@ -118,6 +118,7 @@ bool RequestReader::feed(const char* data, int len)
     if (!fault_.empty())
         return false;
     quiet_ += static_cast<std::size_t>(len);
+    fed_ += len;
     if (!parser_->parse(data, len, false)) {
         if (fault_.empty()) {
             char buf[160];
@@ -133,8 +134,23 @@ bool RequestReader::feed(const char* data, int len)
     return fault_.empty();
 }
 
+// Notes where the event being reported ends.
+void RequestReader::settle()
+{
+    long long end = parser_->eventEnd();
+    if (end > settled_)
+        settled_ = end;
+}
+
+void RequestReader::endIgnoreElement()
+{
+    Xml::Handler::endIgnoreElement();
+    settle();
+}
+
 bool RequestReader::elementName(const char*, const char* name, int&, int& id)
 {
+    settle();
     id = lookup(kElements, name);
     if (id >= 0)
         return true;
@@ -155,83 +171,125 @@ bool RequestReader::attributeName(const char*, const char* name, int&, int& id)
 
 void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>& attrs)
 {
-    collect_ = nullptr;
+    endText();
     quiet_ = 0;
     ++depth_;
     if (depth_ > MaxDepth && fault_.empty())
         fault_ = "requests nested too deeply";
-    if (!fault_.empty())
+    if (!fault_.empty() || depth_ == 1) // the injected root
         return;
-    if (depth_ == 1) {
-        return; // the injected root
+    if (depth_ == 2 && id > E_quit)
+        klog("<%s> outside a request skipped", kElements[id]);
+    else if (depth_ == 2)
+        startRequest(id, attrs);
+    else if (inRequest_ && depth_ == 3)
+        startPart(id, attrs);
+}
+
+// Counts n more bytes kept for the request; false (the reader failed) past
+// the limit.
+bool RequestReader::charge(std::size_t n)
+{
+    requestBytes_ += n;
+    if (requestBytes_ <= MaxRequest)
+        return true;
+    if (fault_.empty())
+        fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
+    pieces_.clear();
+    collect_ = nullptr;
+    return false;
+}
+
+// Joins the pieces of the text that ends into its place, giving each piece
+// back as it goes: the text is held about once.
+void RequestReader::endText()
+{
+    if (collect_ && pieces_.size() == 1 && collect_->empty()) {
+        collect_->swap(pieces_.front());
+    } else if (collect_ && !pieces_.empty()) {
+        std::size_t total = collect_->size();
+        for (const std::string& p : pieces_)
+            total += p.size();
+        collect_->reserve(total);
+        for (std::string& p : pieces_) {
+            collect_->append(p);
+            std::string().swap(p);
+        }
     }
-    if (depth_ == 2) {
-        if (id > E_quit) {
-            klog("<%s> outside a request skipped", kElements[id]);
+    pieces_.clear();
+    collect_ = nullptr;
+}
+
+void RequestReader::startRequest(int id, const std::vector<Xml::Attribute>& attrs)
+{
+    inRequest_ = true;
+    req_ = Request();
+    req_.kind = static_cast<Request::Kind>(id);
+    requestBytes_ = 0;
+    for (const Xml::Attribute& a : attrs) {
+        if (!charge(std::strlen(a.value)))
             return;
+        switch (a.id) {
+        case A_cl: {
+            long long v = 0;
+            req_.hasCl = true;
+            req_.clValid = parseLong(a.value, v);
+            req_.cl = req_.clValid ? static_cast<long>(v) : -1;
+            break;
         }
-        inRequest_ = true;
-        req_ = Request();
-        req_.kind = static_cast<Request::Kind>(id);
-        for (const Xml::Attribute& a : attrs) {
-            switch (a.id) {
-            case A_cl: {
-                long long v = 0;
-                req_.hasCl = true;
-                req_.clValid = parseLong(a.value, v);
-                req_.cl = req_.clValid ? static_cast<long>(v) : -1;
-                break;
-            }
-            case A_cid: {
-                long long v = 0;
-                if (parseLong(a.value, v))
-                    req_.cid = v;
-                break;
-            }
-            case A_name:
-                req_.name = a.value;
-                break;
-            case A_frame:
-                req_.frame = a.value;
-                break;
-            case A_features:
-                req_.features = a.value;
-                break;
-            case A_value:
-                req_.value = a.value;
-                break;
-            case A_type:
-                req_.type = a.value;
-                break;
-            case A_canceled:
-                req_.canceled = flag(a.value);
-                break;
-            case A_error:
-                req_.error = flag(a.value);
-                break;
-            case A_flags:
-                req_.noHistory = hasWord(a.value, "no_history");
-                break;
-            default:
-                break;
-            }
+        case A_cid: {
+            long long v = 0;
+            if (parseLong(a.value, v))
+                req_.cid = v;
+            break;
         }
-        if (id == E_textinput) {
-            req_.hasText = true;
-            collect_ = &req_.text;
+        case A_name:
+            req_.name = a.value;
+            break;
+        case A_frame:
+            req_.frame = a.value;
+            break;
+        case A_features:
+            req_.features = a.value;
+            break;
+        case A_value:
+            req_.value = a.value;
+            break;
+        case A_type:
+            req_.type = a.value;
+            break;
+        case A_canceled:
+            req_.canceled = flag(a.value);
+            break;
+        case A_error:
+            req_.error = flag(a.value);
+            break;
+        case A_flags:
+            req_.noHistory = hasWord(a.value, "no_history");
+            break;
+        default:
+            break;
         }
-        return;
     }
-    if (!inRequest_ || depth_ != 3)
-        return;
+    if (id == E_textinput) {
+        req_.hasText = true;
+        collect_ = &req_.text;
+    }
+}
+
+void RequestReader::startPart(int id, const std::vector<Xml::Attribute>& attrs)
+{
     switch (id) {
     case E_iarg:
-        if (req_.kind == Request::Init && req_.args.size() >= MaxArgs)
+        if (req_.kind != Request::Init)
+            break;
+        if (req_.args.size() >= MaxArgs) {
             fault_ = "<init> with more arguments than the limit";
-        else if (req_.kind == Request::Init)
-            for (const Xml::Attribute& a : attrs)
-                if (a.id == A_value)
-                    req_.args.push_back(a.value);
+            break;
+        }
+        for (const Xml::Attribute& a : attrs)
+            if (a.id == A_value && charge(std::strlen(a.value)))
+                req_.args.push_back(a.value);
         break;
     case E_text:
         if (req_.kind == Request::Cmd || req_.kind == Request::Input) {
@@ -247,7 +305,7 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
             req_.hasText = false;
             req_.payloadFormat.clear();
             for (const Xml::Attribute& a : attrs)
-                if (a.id == A_format)
+                if (a.id == A_format && charge(std::strlen(a.value)))
                     req_.payloadFormat = a.value;
             req_.payloadBase64.clear();
             collect_ = &req_.payloadBase64;
@@ -260,7 +318,8 @@ void RequestReader::startElement(int, int id, const std::vector<Xml::Attribute>&
 
 void RequestReader::endElement(int, int)
 {
-    collect_ = nullptr;
+    settle();
+    endText();
     quiet_ = 0;
     --depth_;
     if (depth_ == 1 && inRequest_) {
@@ -268,20 +327,21 @@ void RequestReader::endElement(int, int)
         if (fault_.empty())
             sink_(req_);
         req_ = Request();
+        requestBytes_ = 0;
     }
 }
 
 void RequestReader::characterData(const char* data, int len)
 {
+    settle();
     quiet_ = 0;
-    if (!collect_ || !fault_.empty())
+    if (!collect_ || !fault_.empty() || !charge(static_cast<std::size_t>(len)))
         return;
-    if (collect_->size() + static_cast<std::size_t>(len) > MaxText) {
-        fault_ = std::string("<") + kElements[req_.kind] + "> request larger than the limit";
-        collect_ = nullptr;
-        return;
-    }
-    collect_->append(data, static_cast<std::size_t>(len));
+    // In pieces: a text that grew in one string would for a while take
+    // twice its size, as a larger copy is made.
+    if (pieces_.empty() || pieces_.back().size() >= TextPiece)
+        pieces_.emplace_back();
+    pieces_.back().append(data, static_cast<std::size_t>(len));
 }
 
 } // namespace tamkern

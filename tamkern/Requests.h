@@ -63,11 +63,20 @@ public:
     // the reason in fault(). A failed reader stays failed.
     bool feed(const char* data, int len);
     const std::string& fault() const { return fault_; }
-    // True while a request has started but not ended.
-    bool midRequest() const { return depth_ > 1; }
+    // True while a request or a skipped element has started but not ended,
+    // or bytes have come after the last complete piece of markup or text (a
+    // tag cut short). False once failed.
+    bool midRequest() const
+    {
+        return fault_.empty() && (depth_ > 1 || ignoringElement() || settled_ < fed_);
+    }
+    // The memory this reader holds for the request in progress: the XML
+    // parser's own and the request's texts and values.
+    std::size_t bytes() const { return parser_->memoryUsed() + requestBytes_; }
 
-    // Text (command, answer or payload) kept per request at most.
-    static const std::size_t MaxText = 16u << 20;
+    // Bytes of text, payload, start-up arguments and attribute values kept
+    // for one request at most.
+    static const std::size_t MaxRequest = 16u << 20;
     // Bytes a single piece of markup (a tag with its attributes, a comment,
     // a skipped element) may span: expat holds such a piece whole and scans
     // it again with every chunk, and keeps some fifty bytes for every element
@@ -82,19 +91,30 @@ public:
 
 private:
     void startElement(int nsId, int id, const std::vector<Xml::Attribute>& attrs) override;
+    void startRequest(int id, const std::vector<Xml::Attribute>& attrs);
+    void startPart(int id, const std::vector<Xml::Attribute>& attrs);
+    bool charge(std::size_t n);
+    void endText();
     void endElement(int nsId, int id) override;
     void characterData(const char* data, int len) override;
     bool elementName(const char* ns, const char* name, int& nsId, int& id) override;
     bool attributeName(const char* ns, const char* name, int& nsId, int& id) override;
+    void endIgnoreElement() override;
+    void settle();
 
     Sink sink_;
     std::unique_ptr<Xml::Parser> parser_;
     std::string fault_;
     int depth_ = 0;         // open known elements, the injected root included
     std::size_t quiet_ = 0; // bytes fed since the last event
+    long long fed_ = 0;     // bytes fed in all
+    long long settled_ = 0; // the end of the last event
     bool inRequest_ = false;
     Request req_;
-    std::string* collect_ = nullptr; // where character data goes now
+    std::size_t requestBytes_ = 0;    // kept for req_
+    std::string* collect_ = nullptr;  // where character data goes now
+    std::vector<std::string> pieces_; // ... until its element ends
+    static const std::size_t TextPiece = 1u << 20;
 };
 
 } // namespace tamkern

@@ -4,9 +4,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <iterator>
+#include <limits>
+#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -84,6 +86,9 @@ int Server::run()
     return 0;
 }
 
+// Fixed places in the poll set, before the connections.
+enum { WakeFd, ListenFd, WatchFd, EngineFd, FirstConnFd };
+
 void Server::serve()
 {
     std::vector<pollfd> fds;
@@ -102,35 +107,40 @@ void Server::serve()
             klog("poll: %s", std::strerror(errno));
             return;
         }
-        if (fds[0].revents)
+        if (fds[WakeFd].revents)
             drainWakePipe();
-        handleEvents();
-        if (fds[1].revents)
+        if (fds[EngineFd].revents)
+            engine_->serve(fds[EngineFd].revents);
+        settle();
+        if (fds[ListenFd].revents)
             acceptAll();
         listener_.keepListening();
         serveConnections(fds, ids);
-        reapClosed();
-        dispatcher_.dispatch();
         dispatcher_.checkStopped(Dispatcher::Clock::now());
+        checkConnections();
+        reapClosed();
+        settle();
         if (shouldEnd())
             return;
     }
 }
 
-// Until the listener must look again, or a stopped command's time is up.
+// Until the listener must look again, a stopped command's time is up, or
+// a connection's silence ends it.
 int Server::pollTimeoutMs() const
 {
     int ms = listener_.pollTimeoutMs();
     Dispatcher::Clock::time_point deadline = dispatcher_.stopDeadline();
+    for (const auto& kv : conns_)
+        deadline = std::min(deadline, kv.second.idleDeadline());
     if (deadline == Dispatcher::Clock::time_point::max())
         return ms;
     auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Dispatcher::Clock::now());
-    int untilDeadline = static_cast<int>(std::max<long long>(0, left.count()));
+    int untilDeadline = static_cast<int>(
+        std::min<long long>(std::max<long long>(0, left.count()), std::numeric_limits<int>::max()));
     return ms < 0 ? untilDeadline : std::min(ms, untilDeadline);
 }
 
-// The wake-up pipe, the listening socket, the watch on its directory, then
-// the connections in the order of ids.
 void Server::pollSet(std::vector<pollfd>& fds, std::vector<int>& ids) const
 {
     fds.clear();
@@ -138,6 +148,7 @@ void Server::pollSet(std::vector<pollfd>& fds, std::vector<int>& ids) const
     fds.push_back(pollfd{gWakeRead, POLLIN, 0});
     fds.push_back(pollfd{listener_.pollFd(), POLLIN, 0});
     fds.push_back(pollfd{listener_.watchFd(), POLLIN, 0});
+    fds.push_back(pollfd{engine_->pollFd(), engine_->pollEvents(), 0});
     for (const auto& kv : conns_) {
         fds.push_back(pollfd{kv.second.fd(), kv.second.pollEvents(), 0});
         ids.push_back(kv.first);
@@ -150,31 +161,118 @@ void Server::acceptAll()
         int id = nextConnId_++;
         conns_.try_emplace(
             id, id, fd, [this](Connection& c, Request& req) { dispatcher_.request(c.id(), req); },
-            [this](Connection& c) { dispatcher_.connectionClosed(c.id()); });
+            [this](Connection& c) { dispatcher_.connectionClosed(c.id()); }, options_.limits);
         everConnected_ = true;
     }
 }
 
+// The budget is looked at after every connection's turn: each turn may
+// make its parser take megabytes.
 void Server::serveConnections(const std::vector<pollfd>& fds, const std::vector<int>& ids)
 {
+    std::size_t total = kernelCost();
     for (std::size_t i = 0; i < ids.size() && !dispatcher_.quitting(); ++i) {
         auto it = conns_.find(ids[i]);
         if (it == conns_.end() || it->second.closed())
             continue;
-        short re = fds[i + 3].revents;
+        Connection& c = it->second;
+        std::size_t before = c.cost();
+        short re = fds[i + FirstConnFd].revents;
         if (re & POLLOUT)
-            it->second.flush();
+            c.flush();
         if (re & (POLLIN | POLLHUP | POLLERR))
-            it->second.readAvailable();
+            c.readAvailable();
+        total = total - before + (c.closed() ? 0 : c.cost());
+        if (total > options_.limits.kernelBytes)
+            total = keepKernelBudget(total);
     }
 }
 
+std::size_t Server::kernelCost() const
+{
+    std::size_t total = 0;
+    for (const auto& kv : conns_)
+        if (!kv.second.closed())
+            total += kv.second.cost();
+    return total;
+}
+
+// Past the kernel's budget the connection that costs the most goes, until
+// the rest fits. Returns what the rest costs.
+std::size_t Server::keepKernelBudget(std::size_t total)
+{
+    while (total > options_.limits.kernelBytes) {
+        Connection* worst = nullptr;
+        for (auto& kv : conns_)
+            if (!kv.second.closed() && (!worst || kv.second.cost() > worst->cost()))
+                worst = &kv.second;
+        if (!worst)
+            break;
+        std::size_t c = worst->cost();
+        char why[160];
+        std::snprintf(why, sizeof why,
+                      "the kernel is over its memory budget (%zu bytes, %zu allowed) and this "
+                      "connection costs the most (%zu bytes)",
+                      total, options_.limits.kernelBytes, c);
+        worst->close(why);
+        total = kernelCost();
+    }
+    return total;
+}
+
+// Connections silent in the middle of a request, and the kernel's budget
+// after what the engine's messages added.
+void Server::checkConnections()
+{
+    auto now = Connection::Clock::now();
+    for (auto& kv : conns_)
+        kv.second.checkIdle(now);
+    keepKernelBudget(kernelCost());
+}
+
 // Closed connections stay until here: one may close while its own reader is
-// on the stack.
+// on the stack. What a big one held goes back to the system.
 void Server::reapClosed()
 {
-    for (auto it = conns_.begin(); it != conns_.end();)
-        it = it->second.closed() ? conns_.erase(it) : std::next(it);
+    std::size_t freed = 0;
+    for (auto it = conns_.begin(); it != conns_.end();) {
+        if (it->second.closed()) {
+            freed += it->second.releasedBytes();
+            it = conns_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (freed > (std::size_t(1) << 20))
+        ::malloc_trim(0);
+}
+
+// Acts on what the engine reported, and on what that sets going, until
+// nothing is left: an engine without an evaluator answers at once.
+void Server::settle()
+{
+    while (!events_.empty()) {
+        std::vector<Event> events;
+        events.swap(events_);
+        for (Event& ev : events) {
+            switch (ev.kind) {
+            case Event::Message:
+                dispatcher_.deliver(ev.client, std::move(ev.text));
+                break;
+            case Event::Names:
+                dispatcher_.names(std::move(ev.names));
+                break;
+            case Event::Done:
+                dispatcher_.jobDone();
+                break;
+            case Event::Lost:
+                dispatcher_.evaluatorLost(ev.text);
+                break;
+            }
+        }
+        dispatcher_.dispatch();
+    }
+    dispatcher_.dispatch();
 }
 
 bool Server::shouldEnd() const
@@ -189,57 +287,36 @@ bool Server::shouldEnd() const
     return everConnected_ && conns_.empty();
 }
 
-void Server::pushEvent(Event ev)
-{
-    {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        events_.push_back(std::move(ev));
-    }
-    wake();
-}
-
 void Server::post(long client, std::string message)
 {
-    pushEvent(Event{Event::Message, client, std::move(message), {}});
+    events_.push_back(Event{Event::Message, client, std::move(message), {}});
 }
 
 void Server::names(std::vector<std::string> names)
 {
-    pushEvent(Event{Event::Names, -1, std::string(), std::move(names)});
+    events_.push_back(Event{Event::Names, -1, std::string(), std::move(names)});
 }
 
 void Server::jobDone()
 {
-    pushEvent(Event{Event::Done, -1, std::string(), {}});
+    events_.push_back(Event{Event::Done, -1, std::string(), {}});
 }
 
-void Server::handleEvents()
+void Server::lost(std::string why)
 {
-    std::vector<Event> events;
-    {
-        std::lock_guard<std::mutex> lock(eventMutex_);
-        events.swap(events_);
-    }
-    for (Event& ev : events) {
-        switch (ev.kind) {
-        case Event::Message:
-            dispatcher_.deliver(ev.client, std::move(ev.message));
-            break;
-        case Event::Names:
-            dispatcher_.names(std::move(ev.names));
-            break;
-        case Event::Done:
-            dispatcher_.jobDone();
-            break;
-        }
-    }
+    events_.push_back(Event{Event::Lost, -1, std::move(why), {}});
+}
+
+Connection* Server::find(int conn)
+{
+    auto it = conns_.find(conn);
+    return it == conns_.end() ? nullptr : &it->second;
 }
 
 void Server::send(int conn, std::string bytes)
 {
-    auto it = conns_.find(conn);
-    if (it != conns_.end())
-        it->second.send(std::move(bytes));
+    if (Connection* c = find(conn))
+        c->send(std::move(bytes));
 }
 
 void Server::sendLastToAll(std::string bytes)
@@ -248,18 +325,28 @@ void Server::sendLastToAll(std::string bytes)
         kv.second.sendLast(bytes);
 }
 
-void Server::requestQueued(int conn)
+void Server::requestQueued(int conn, std::size_t bytes)
 {
-    auto it = conns_.find(conn);
-    if (it != conns_.end())
-        it->second.requestQueued();
+    if (Connection* c = find(conn))
+        c->requestQueued(bytes);
 }
 
-void Server::requestTaken(int conn)
+void Server::requestTaken(int conn, std::size_t bytes)
 {
-    auto it = conns_.find(conn);
-    if (it != conns_.end())
-        it->second.requestTaken();
+    if (Connection* c = find(conn))
+        c->requestTaken(bytes);
+}
+
+void Server::clientAdded(int conn)
+{
+    if (Connection* c = find(conn))
+        c->clientAdded(Session::ClientBytes);
+}
+
+void Server::clientRemoved(int conn)
+{
+    if (Connection* c = find(conn))
+        c->clientRemoved(Session::ClientBytes);
 }
 
 void Server::flushAll(int timeoutMs)
@@ -267,7 +354,6 @@ void Server::flushAll(int timeoutMs)
     // Messages already queued (the quit above all) still go out, but a
     // client that does not read cannot hold the kernel up for long.
     for (int waited = 0;; waited += 50) {
-        handleEvents();
         std::vector<pollfd> fds;
         std::vector<Connection*> unsent;
         for (auto& kv : conns_) {
@@ -291,13 +377,10 @@ void Server::shutDown()
     flushAll(2000);
     conns_.clear();
     listener_.close();
-    engineStuck_ = !engine_->shutdown(2000);
-    handleEvents();
+    // A computation that ignores the interrupt is ended by force.
+    engine_->shutdown(2000);
+    events_.clear();
     closeWakePipe();
-    // The worker is inside a computation that does not look at the
-    // interrupt flag; nothing else is left to do.
-    if (engineStuck_)
-        klog("evaluation did not stop; exiting anyway");
 }
 
 } // namespace tamkern

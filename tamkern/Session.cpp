@@ -1,21 +1,42 @@
 #include "tamkern/Session.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 
 namespace tamkern {
 
-Client& Session::add(int conn, std::string name, const std::string& features)
+namespace {
+
+// The feature words a client may announce.
+const char* const kFeatures[] = {
+    "stay_alive",  "complete_commands", "can_debug",       "can_lazy_debug",
+    "debugger_ui", "can_plot",          "can_input",       "can_textinput",
+    "can_help",    "can_help_dvi",      "can_browse_help", "can_exec_system",
+    "can_quit",    "can_callback",      "can_typeset",     "can_protocol"};
+
+bool isFeature(const std::string& word)
+{
+    for (const char* f : kFeatures)
+        if (word == f)
+            return true;
+    return false;
+}
+
+} // namespace
+
+Client& Session::add(int conn, const std::string& name, const std::string& features)
 {
     long id = nextId_++;
     Client& cl = clients_[id];
     cl.id = id;
     cl.conn = conn;
-    cl.name = std::move(name);
+    cl.name = name.substr(0, MaxName); // a copy: the announcement's may be huge
     std::istringstream words(features);
     std::string w;
     while (words >> w)
-        cl.features.insert(w);
+        if (isFeature(w))
+            cl.features.insert(w);
     if (cl.has("stay_alive"))
         stayAlive_ = true;
     byConn_[conn].push_back(id);
@@ -40,6 +61,14 @@ bool Session::remove(long id)
         byConn_.erase(bc);
     clients_.erase(it);
     return true;
+}
+
+std::vector<const Client*> Session::all() const
+{
+    std::vector<const Client*> out;
+    for (const auto& kv : clients_)
+        out.push_back(&kv.second);
+    return out;
 }
 
 const std::vector<long>& Session::of(int conn) const

@@ -1,7 +1,5 @@
 #include "tamkern/TextLayout.h"
 
-#include <vector>
-
 namespace tamkern {
 
 namespace {
@@ -11,15 +9,31 @@ bool isContinuation(char c)
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// Byte offsets of the starts of the characters of line, plus its end.
-std::vector<std::size_t> charStarts(std::string_view line)
+// Characters are walked, never listed: a list of their positions would
+// take eight times the text.
+
+// The start of the character after the one at i.
+std::size_t nextChar(std::string_view s, std::size_t i)
 {
-    std::vector<std::size_t> starts;
-    for (std::size_t i = 0; i < line.size(); ++i)
-        if (!isContinuation(line[i]))
-            starts.push_back(i);
-    starts.push_back(line.size());
-    return starts;
+    for (++i; i < s.size() && isContinuation(s[i]);)
+        ++i;
+    return i;
+}
+
+// The start of the character before position i (i > 0).
+std::size_t prevChar(std::string_view s, std::size_t i)
+{
+    for (--i; i > 0 && isContinuation(s[i]);)
+        --i;
+    return i;
+}
+
+// The position n characters after from, or the end of s.
+std::size_t advance(std::string_view s, std::size_t from, std::size_t n)
+{
+    for (; n > 0 && from < s.size(); --n)
+        from = nextChar(s, from);
+    return from;
 }
 
 bool breaksAfter(char c)
@@ -44,22 +58,27 @@ bool breaksAfter(char c)
 
 void wrapLine(std::string& out, std::string_view line, std::size_t width)
 {
-    std::vector<std::size_t> starts = charStarts(line);
-    std::size_t chars = starts.size() - 1;
-    std::size_t first = 0; // index of the first character of the current piece
-    while (chars - first > width) {
-        std::size_t cut = first + width; // character index where the piece ends
-        for (std::size_t k = first + width; k > first + width - width / 3; --k) {
-            if (breaksAfter(line[starts[k - 1]])) {
-                cut = k;
+    std::size_t pos = 0; // the current piece's start
+    for (;;) {
+        std::size_t end = advance(line, pos, width);
+        if (end >= line.size())
+            break; // the rest fits
+        // A break after an operator in the piece's last third, if there is
+        // one: the character before each candidate end is looked at.
+        std::size_t cut = end;
+        for (std::size_t k = 0, b = end; k < width / 3; ++k) {
+            std::size_t prev = prevChar(line, b);
+            if (breaksAfter(line[prev])) {
+                cut = b;
                 break;
             }
+            b = prev;
         }
-        out.append(line.substr(starts[first], starts[cut] - starts[first]));
+        out.append(line.substr(pos, cut - pos));
         out += '\n';
-        first = cut;
+        pos = cut;
     }
-    out.append(line.substr(starts[first]));
+    out.append(line.substr(pos));
 }
 
 } // namespace
@@ -86,26 +105,42 @@ std::string wrapText(std::string_view text, long width)
 
 std::string abbreviate(std::string_view text)
 {
-    std::vector<std::size_t> starts = charStarts(text);
-    std::size_t chars = starts.size() - 1;
+    std::size_t chars = 0;
+    for (char c : text)
+        chars += !isContinuation(c);
     if (chars <= AbbreviateLimit)
         return std::string(text);
     std::size_t omitted = chars - AbbreviateHead - AbbreviateTail;
-    std::string out(text.substr(0, starts[AbbreviateHead]));
+    std::string out(text.substr(0, advance(text, 0, AbbreviateHead)));
     out += " ...<<";
     out += std::to_string(omitted);
     out += " characters omitted>>... ";
-    out.append(text.substr(starts[chars - AbbreviateTail]));
+    out.append(text.substr(advance(text, 0, chars - AbbreviateTail)));
     return out;
+}
+
+std::string_view trimmedView(std::string_view text)
+{
+    std::size_t b = text.find_first_not_of(" \t\r\n");
+    if (b == std::string_view::npos)
+        return std::string_view();
+    std::size_t e = text.find_last_not_of(" \t\r\n");
+    return text.substr(b, e - b + 1);
 }
 
 std::string trimmed(std::string_view text)
 {
-    std::size_t b = text.find_first_not_of(" \t\r\n");
-    if (b == std::string_view::npos)
-        return std::string();
-    std::size_t e = text.find_last_not_of(" \t\r\n");
-    return std::string(text.substr(b, e - b + 1));
+    return std::string(trimmedView(text));
+}
+
+void trimInPlace(std::string& text)
+{
+    std::string_view v = trimmedView(text);
+    if (v.size() == text.size())
+        return;
+    std::size_t from = v.empty() ? 0 : static_cast<std::size_t>(v.data() - text.data());
+    text.erase(from + v.size());
+    text.erase(0, from);
 }
 
 } // namespace tamkern

@@ -23,8 +23,12 @@ constexpr std::size_t AbbreviateHead = 400;
 constexpr std::size_t AbbreviateTail = 100;
 std::string abbreviate(std::string_view text);
 
-// text without leading and trailing blanks, tabs and line ends.
+// text without leading and trailing blanks, tabs and line ends: as a copy,
+// as a view into it, or in place (which copies nothing when there is
+// nothing to take off: results can be huge).
 std::string trimmed(std::string_view text);
+std::string_view trimmedView(std::string_view text);
+void trimInPlace(std::string& text);
 
 } // namespace tamkern
 

@@ -1,12 +1,100 @@
 #include "xml/Parser.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace Xml {
 
-Parser::Parser(Handler* handler, bool ns, const char* encoding) : useNs_(ns)
+namespace {
+
+// Counted allocations carry the counter they were charged to in front of
+// them, so that a free, whenever it happens, credits the right parser. The
+// counter to charge new blocks to is set around every call into expat.
+thread_local std::size_t* tCounter = nullptr;
+
+struct alignas(16) Head {
+    std::size_t* counter;
+    std::size_t size;
+};
+
+// What a block costs besides its bytes: its head here, and the allocator's
+// own header and rounding, roughly. expat makes many small blocks.
+const std::size_t BlockOverhead = sizeof(Head) + 16;
+
+void* countedMalloc(std::size_t n)
 {
-    parser_ = ns ? XML_ParserCreateNS(encoding, NsSeparator) : XML_ParserCreate(encoding);
+    Head* h = static_cast<Head*>(std::malloc(sizeof(Head) + n));
+    if (!h)
+        return nullptr;
+    h->counter = tCounter;
+    h->size = n + BlockOverhead;
+    if (h->counter)
+        *h->counter += h->size;
+    return h + 1;
+}
+
+void* countedRealloc(void* p, std::size_t n)
+{
+    if (!p)
+        return countedMalloc(n);
+    Head* h = static_cast<Head*>(p) - 1;
+    std::size_t* counter = h->counter;
+    std::size_t old = h->size;
+    Head* moved = static_cast<Head*>(std::realloc(h, sizeof(Head) + n));
+    if (!moved)
+        return nullptr;
+    moved->size = n + BlockOverhead;
+    if (counter)
+        *counter = *counter - old + moved->size;
+    return moved + 1;
+}
+
+void countedFree(void* p)
+{
+    if (!p)
+        return;
+    Head* h = static_cast<Head*>(p) - 1;
+    if (h->counter)
+        *h->counter -= h->size;
+    std::free(h);
+}
+
+const XML_Memory_Handling_Suite kCounted = {countedMalloc, countedRealloc, countedFree};
+
+// While it lives, what expat allocates is charged to counter (null: nothing
+// changes).
+class Charging {
+public:
+    explicit Charging(std::size_t* counter) : saved_(tCounter), on_(counter != nullptr)
+    {
+        if (on_)
+            tCounter = counter;
+    }
+    ~Charging()
+    {
+        if (on_)
+            tCounter = saved_;
+    }
+    Charging(const Charging&) = delete;
+    Charging& operator=(const Charging&) = delete;
+
+private:
+    std::size_t* saved_;
+    bool on_;
+};
+
+} // namespace
+
+Parser::Parser(Handler* handler, bool ns, const char* encoding, bool countMemory)
+    : useNs_(ns), counted_(countMemory)
+{
+    if (countMemory) {
+        const XML_Char sep[] = {NsSeparator, '\0'};
+        Charging charging(&memory_);
+        parser_ = XML_ParserCreate_MM(encoding, &kCounted, ns ? sep : nullptr);
+    } else {
+        parser_ = ns ? XML_ParserCreateNS(encoding, NsSeparator) : XML_ParserCreate(encoding);
+    }
     if (!parser_)
         return; // stays without parser and without handler
     handler_ = handler;
@@ -18,16 +106,25 @@ Parser::Parser(Handler* handler, bool ns, const char* encoding) : useNs_(ns)
 Parser::~Parser()
 {
     if (parser_)
-        XML_ParserFree(parser_);
+        XML_ParserFree(parser_); // counted blocks credit memory_ themselves
 }
 
 bool Parser::parse(const char* data, int len, bool isFinal)
 {
+    Charging charging(counted_ ? &memory_ : nullptr);
     if (parser_ && XML_Parse(parser_, data, len, isFinal) != XML_STATUS_ERROR)
         return true;
     if (handler_)
         handler_->cleanup();
     return false;
+}
+
+long long Parser::eventEnd() const
+{
+    if (!parser_)
+        return -1;
+    XML_Index at = XML_GetCurrentByteIndex(parser_);
+    return at < 0 ? -1 : static_cast<long long>(at) + XML_GetCurrentByteCount(parser_);
 }
 
 int Parser::errorCode() const

@@ -2,6 +2,8 @@
 #define TAMIX_XML_PARSER_H
 
 #include <expat.h>
+
+#include <cstddef>
 #include <vector>
 
 #include "xml/Handler.h"
@@ -14,7 +16,10 @@ class Parser {
 public:
     // ns: namespace processing (names arrive as URI + local name).
     // encoding overrides the document's own declaration; may be null.
-    Parser(Handler* handler, bool ns, const char* encoding);
+    // countMemory: keep count of the bytes expat holds for this parser (its
+    // buffers, open elements, names seen), for readers of untrusted streams
+    // that must bound them; see memoryUsed().
+    Parser(Handler* handler, bool ns, const char* encoding, bool countMemory = false);
     virtual ~Parser();
 
     Parser(const Parser&) = delete;
@@ -27,6 +32,13 @@ public:
 
     // expat's error code; -1 without an expat parser.
     int errorCode() const;
+    // Bytes expat holds for this parser now; 0 unless counted.
+    std::size_t memoryUsed() const { return memory_; }
+    // During a handler call: the position in the stream, counted from the
+    // first byte parsed, just after the markup or text that the event
+    // reports; -1 outside of one.
+    long long eventEnd() const;
+
     // expat's current position; 0 without an expat parser.
     unsigned long line() const;
     unsigned long column() const;
@@ -52,6 +64,8 @@ protected:
     std::vector<char> nameBuf_;    // scratch for split names; only grows
     std::vector<Attribute> attrs_; // attributes of the current start tag
     bool useNs_ = false;
+    bool counted_ = false;
+    std::size_t memory_ = 0; // what expat holds, when counted
 };
 
 } // namespace Xml

@@ -115,23 +115,33 @@ TEST(TamkernUnits, OversizedRequestFailsTheReader)
             fed = r.feed(chunk.data(), static_cast<int>(chunk.size()));
         EXPECT_FALSE(fed) << head;
         EXPECT_NE(r.fault().find("larger than the limit"), std::string::npos) << r.fault();
-        EXPECT_EQ(r.midRequest(), head.back() == '>');
+        EXPECT_FALSE(r.midRequest()) << "a failed reader waits for nothing";
     }
     // Elements nested without end (each one open costs the parser memory),
-    // and start-up arguments without end.
+    // start-up arguments without end, and arguments that are each within
+    // the limits but not together.
     const struct {
         std::string head, repeated, fault;
+        int times;
     } floods[] = {
-        {"", "<cmd>", "requests nested too deeply"},
-        {"<init>", "<iarg value=\"a\"/>", "<init> with more arguments than the limit"},
+        {"", "<cmd>", "requests nested too deeply", 2000},
+        {"<init>", "<iarg value=\"a\"/>", "<init> with more arguments than the limit", 2000},
+        {"<init>", "<iarg value=\"" + std::string(900 << 10, 'v') + "\"/>",
+         "<init> request larger than the limit", 20},
     };
     for (const auto& f : floods) {
         RequestReader r([](Request&) {});
         std::string s = f.head;
-        for (int i = 0; i < 2000; ++i)
+        for (int i = 0; i < f.times; ++i)
             s += f.repeated;
-        EXPECT_FALSE(r.feed(s.data(), static_cast<int>(s.size())));
+        // As a connection feeds it.
+        bool fed = true;
+        for (std::size_t at = 0; fed && at < s.size(); at += 65536)
+            fed = r.feed(s.data() + at,
+                         static_cast<int>(std::min<std::size_t>(65536, s.size() - at)));
+        EXPECT_FALSE(fed);
         EXPECT_EQ(r.fault(), f.fault);
+        EXPECT_LE(r.bytes(), RequestReader::MaxRequest + (4u << 20)) << f.fault;
     }
 }
 
@@ -238,6 +248,14 @@ TEST(TamkernUnits, LayoutWrapsCharactersAndAbbreviatesAtTheLimit)
     // Characters, not bytes: a two-byte letter counts once and stays whole.
     EXPECT_EQ(wrapText("\xc3\xa4\xc3\xa4\xc3\xa4", 2), "\xc3\xa4\xc3\xa4\n\xc3\xa4");
 
+    for (std::string t : {" \t a b\r\n", "a b", "\n \n"}) {
+        std::string inPlace = t;
+        trimInPlace(inPlace);
+        EXPECT_EQ(inPlace, trimmed(t));
+        EXPECT_EQ(inPlace, trimmedView(t));
+    }
+    EXPECT_EQ(trimmed(" \t a b\r\n"), "a b");
+
     std::string limit(AbbreviateLimit, 'a');
     EXPECT_EQ(abbreviate(limit), limit);
     std::string head(AbbreviateHead, 'h'), tail(AbbreviateTail, 't');
@@ -249,11 +267,15 @@ TEST(TamkernUnits, SessionNumbersClientsInOrderAndKeepsThemToTheirConnection)
 {
     Session s;
     EXPECT_FALSE(s.everHadClient());
-    EXPECT_EQ(s.add(7, "a", " can_typeset  x ").id, 1);
+    EXPECT_EQ(s.add(7, std::string(1000, 'n'), " can_typeset  x ").id, 1);
     EXPECT_EQ(s.add(8, "b", "").id, 2);
     EXPECT_EQ(s.add(7, "c", "stay_alive").id, 3);
     EXPECT_EQ(s.of(7), (std::vector<long>{1, 3}));
-    EXPECT_TRUE(s.find(1)->has("can_typeset") && s.find(1)->has("x"));
+    // Only what the protocol names is kept: a record costs the same whatever
+    // was announced.
+    EXPECT_TRUE(s.find(1)->has("can_typeset"));
+    EXPECT_FALSE(s.find(1)->has("x"));
+    EXPECT_EQ(s.find(1)->name.size(), Session::MaxName);
     EXPECT_EQ(s.find(2)->conn, 8);
     EXPECT_TRUE(s.remove(3));
     EXPECT_FALSE(s.remove(3));
@@ -275,7 +297,7 @@ struct Peer {
     int closes = 0;
     std::unique_ptr<Connection> conn;
 
-    explicit Peer(const char* closeOn = "")
+    explicit Peer(const char* closeOn = "", const Limits& limits = Connection::defaultLimits())
     {
         int sv[2];
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
@@ -288,7 +310,7 @@ struct Peer {
                 if (heard.back() == closeOn)
                     c.close("test");
             },
-            [this](Connection&) { ++closes; });
+            [this](Connection&) { ++closes; }, limits);
     }
     ~Peer() { ::close(far); }
     void say(const std::string& bytes)
@@ -321,12 +343,18 @@ TEST(TamkernUnits, ConnectionBoundsUnreadBytesBesidesTheLargestMessage)
 
 TEST(TamkernUnits, ConnectionStopsHearingWhenClosedWaitingOrDone)
 {
-    // Too many requests waiting: no more reading until one is taken.
+    // Too many requests, or bytes, waiting: no more reading until one is
+    // taken.
     Peer p;
     for (std::size_t i = 0; i < Connection::MaxWaiting; ++i)
-        p.conn->requestQueued();
+        p.conn->requestQueued(1);
     EXPECT_EQ(p.conn->pollEvents(), 0);
-    p.conn->requestTaken();
+    p.conn->requestTaken(1);
+    EXPECT_EQ(p.conn->pollEvents(), POLLIN);
+    const std::size_t waiting = Connection::defaultLimits().waitingBytes;
+    p.conn->requestQueued(waiting - 10);
+    EXPECT_EQ(p.conn->pollEvents(), 0);
+    p.conn->requestTaken(waiting - 10);
     EXPECT_EQ(p.conn->pollEvents(), POLLIN);
 
     // Requests come whole however the bytes are cut; none after the last
@@ -360,6 +388,54 @@ TEST(TamkernUnits, ConnectionStopsHearingWhenClosedWaitingOrDone)
     EXPECT_EQ(closing.heard, (std::vector<std::string>{"newclient"}));
 }
 
+TEST(TamkernUnits, ConnectionClosesPastItsBudgetOrWhenSilentMidRequest)
+{
+    Limits small;
+    small.connectionBytes = 1 << 20;
+    small.idleTimeout = std::chrono::seconds(1);
+    // Open elements the reader skips cost only the XML parser's memory,
+    // which counts all the same.
+    Peer tags("", small);
+    std::string chunk;
+    for (int i = 0; i < 4000; ++i)
+        chunk += "<a>";
+    for (int i = 0; i < 200 && !tags.conn->closed(); ++i) {
+        tags.say(chunk);
+        tags.conn->readAvailable();
+    }
+    EXPECT_TRUE(tags.conn->closed());
+    EXPECT_EQ(tags.closes, 1);
+    // What it held went with it at once.
+    EXPECT_GT(tags.conn->releasedBytes(), small.connectionBytes);
+    EXPECT_EQ(tags.conn->ownCost(), 0u);
+    // Clients' records and waiting requests count too.
+    for (std::size_t part : {std::size_t(600) << 10, std::size_t(500) << 10}) {
+        Peer p("", small);
+        p.conn->clientAdded(part);
+        p.conn->requestQueued(part);
+        EXPECT_EQ(p.conn->closed(), 2 * part > small.connectionBytes) << part;
+    }
+
+    // Silence counts only in the middle of a request.
+    Peer idle("", small);
+    const auto now = Connection::Clock::now();
+    EXPECT_EQ(idle.conn->idleDeadline(), Connection::Clock::time_point::max());
+    idle.say("<newclient/><cmd><text>1+");
+    idle.conn->readAvailable();
+    EXPECT_LE(idle.conn->idleDeadline(), Connection::Clock::now() + small.idleTimeout);
+    idle.conn->checkIdle(now);
+    EXPECT_FALSE(idle.conn->closed());
+    idle.say("1</text></cmd>");
+    idle.conn->readAvailable();
+    EXPECT_EQ(idle.conn->idleDeadline(), Connection::Clock::time_point::max());
+    // A tag cut short is the middle of a request too.
+    idle.say("<sto");
+    idle.conn->readAvailable();
+    idle.conn->checkIdle(now + std::chrono::seconds(2));
+    EXPECT_TRUE(idle.conn->closed());
+    EXPECT_EQ(idle.heard, (std::vector<std::string>{"newclient", "cmd"}));
+}
+
 namespace {
 
 struct FakeEngine : Engine {
@@ -379,15 +455,22 @@ struct FakeEngine : Engine {
         calls.push_back("answer " + std::to_string(c) + " " + a.text);
     }
     bool shutdown(int) override { return true; }
+    bool restart() override
+    {
+        calls.push_back("restart");
+        return true;
+    }
 };
 
 struct FakeConnections : Dispatcher::Host {
     std::map<int, std::string> sent;
-    std::map<int, int> waiting;
+    std::map<int, int> waiting, clients;
     void send(int conn, std::string bytes) override { sent[conn] += bytes; }
     void sendLastToAll(std::string bytes) override { sent[0] += bytes; }
-    void requestQueued(int conn) override { ++waiting[conn]; }
-    void requestTaken(int conn) override { --waiting[conn]; }
+    void requestQueued(int conn, std::size_t) override { ++waiting[conn]; }
+    void requestTaken(int conn, std::size_t) override { --waiting[conn]; }
+    void clientAdded(int conn) override { ++clients[conn]; }
+    void clientRemoved(int conn) override { --clients[conn]; }
     // What connection conn was sent since the last look.
     std::string take(int conn)
     {
@@ -480,35 +563,94 @@ TEST(TamkernUnits, DispatcherMakesClientsReadyOnceTheirStartUpFilesHaveRun)
     EXPECT_EQ(conns.take(1), "<ready cl=\"4\"/>");
 }
 
-TEST(TamkernUnits, DispatcherCompletesFromTheEnginesNamesAndWarnsOfAStuckStop)
+TEST(TamkernUnits, DispatcherCompletesFromTheEnginesNamesAndRestartsAStuckStop)
 {
     EXPECT_EQ(completionList({"fa", "fac", "face", "fact", "fb", "ifac"}, "fac"), "fac face fact");
     EXPECT_EQ(completionList({"a", "b"}, "c"), "");
 
     FakeEngine engine;
     FakeConnections conns;
-    Dispatcher d(conns, engine, std::chrono::milliseconds(0));
+    const auto grace = std::chrono::minutes(10);
+    Dispatcher d(conns, engine, std::chrono::milliseconds(0), grace);
     say(d, 1, "<newclient/><newclient/>");
-    conns.take(1);
-    // Before the engine has named anything a completion waits for it.
-    say(d, 1, "<complete cl=\"2\" value=\"fa\"/>");
-    EXPECT_EQ(conns.take(1), "");
+    say(d, 2, "<newclient/>");
+    conns.take(1), conns.take(2);
+    // Before the engine has named anything a completion waits for it, unless
+    // it cannot complete to anything.
+    const std::string hopeless(Dispatcher::MaxPrefix + 1, 'x');
+    say(d, 1, "<complete cl=\"2\" value=\"fa\"/><complete cl=\"2\" value=\"" + hopeless + "\"/>");
+    EXPECT_EQ(conns.take(1), msgCompletion(2, "", hopeless));
     d.names({"fa", "fact", "gcd"});
-    EXPECT_EQ(conns.take(1), "<completion cl=\"2\" list=\"fa fact\" pref=\"fa\"/>");
+    EXPECT_EQ(conns.take(1), msgCompletion(2, "fa fact", "fa"));
 
-    // Stopped and still running past the grace: its client is told once.
+    // A start-up file the session has evaluated.
+    say(d, 1, init(1, "-l A"));
+    d.jobDone();
+    conns.take(1);
+    // Stopped and still running: its client is warned once, then the
+    // evaluator is restarted; the start-up file runs again before the
+    // command waiting behind.
     say(d, 1, "<cmd cl=\"1\" cid=\"9\"><text>loop</text></cmd><stop cl=\"2\"/>");
+    say(d, 2, cmd(3, "next"));
     d.checkStopped(Dispatcher::Clock::now());
     EXPECT_EQ(conns.take(1), "") << "another client's stop";
     say(d, 1, "<stop cl=\"1\"/>");
     EXPECT_LE(d.stopDeadline(), Dispatcher::Clock::now());
     d.checkStopped(Dispatcher::Clock::now());
     d.checkStopped(Dispatcher::Clock::now());
-    EXPECT_EQ(conns.take(1), std::string("<output cl=\"1\" cid=\"9\" type=\"warning\"><text "
-                                         "format=\"text\">") +
-                                 Dispatcher::NotResponding + "</text></output>");
+    EXPECT_EQ(conns.take(1), msgOutputText(1, 9, "warning", "text", Dispatcher::NotResponding));
+    EXPECT_GT(d.stopDeadline(), Dispatcher::Clock::now() + grace / 2);
+    d.checkStopped(Dispatcher::Clock::now() + grace);
+    EXPECT_EQ(conns.take(1), msgOutputText(1, 9, "error", "text", Dispatcher::RestartedAfterStop) +
+                                 msgFinished(1, 9) +
+                                 msgOutputText(2, 0, "warning", "text", Dispatcher::Restarted));
+    EXPECT_EQ(conns.take(2), msgOutputText(3, 0, "warning", "text", Dispatcher::Restarted));
+    ASSERT_GE(engine.calls.size(), 2u);
+    EXPECT_EQ(std::vector<std::string>(engine.calls.end() - 2, engine.calls.end()),
+              (std::vector<std::string>{"restart", "init -1 A/tamkern/init"}));
     EXPECT_EQ(d.stopDeadline(), Dispatcher::Clock::time_point::max());
     d.jobDone();
-    d.checkStopped(Dispatcher::Clock::now());
-    EXPECT_EQ(conns.take(1), "");
+    d.dispatch();
+    EXPECT_EQ(engine.calls.back(), "submit 3 next");
+}
+
+TEST(TamkernUnits, DispatcherAfterACrashAnswersTheCommandAndRunsTheStartUpFilesThatWorked)
+{
+    FakeEngine engine;
+    FakeConnections conns;
+    Dispatcher d(conns, engine);
+    say(d, 1, "<newclient/><newclient/><newclient/>");
+    say(d, 1, init(1, "-l A"));
+    d.jobDone();
+    say(d, 1, init(2, "-l B") + init(3, "-l B"));
+    conns.take(1);
+    EXPECT_EQ(engine.calls.back(), "init 2 B/tamkern/init");
+    // A crash in a start-up file: whoever waits for it hears so and is
+    // ready; that file is not run again, the one that worked is.
+    const std::string crash = std::string(Dispatcher::Crashed) +
+                              " (signal 11, Segmentation fault) and was restarted: the session's "
+                              "variables and history are lost";
+    d.evaluatorLost("signal 11, Segmentation fault");
+    std::string want;
+    for (long cl : {2, 3})
+        want += msgOutputText(cl, 0, "warning", "text", "B/tamkern/init: " + crash) +
+                msgEmpty("ready", cl);
+    for (long cl : {1, 2, 3})
+        want += msgOutputText(cl, 0, "warning", "text", Dispatcher::Restarted);
+    EXPECT_EQ(conns.take(1), want);
+    EXPECT_EQ(engine.calls.back(), "init -1 A/tamkern/init");
+    d.jobDone();
+
+    // A crash in a command: its client gets the error and its end.
+    say(d, 1, "<cmd cl=\"2\" cid=\"4\"><text>boom</text></cmd>");
+    d.evaluatorLost("exit status 3");
+    EXPECT_EQ(conns.take(1), msgOutputText(2, 4, "error", "text",
+                                           std::string(Dispatcher::Crashed) +
+                                               " (exit status 3) and was restarted: the "
+                                               "session's variables and history are lost") +
+                                 msgFinished(2, 4) +
+                                 msgOutputText(1, 0, "warning", "text", Dispatcher::Restarted) +
+                                 msgOutputText(3, 0, "warning", "text", Dispatcher::Restarted));
+    EXPECT_EQ(engine.calls.back(), "init -1 A/tamkern/init");
+    EXPECT_EQ(conns.clients[1], 3);
 }
