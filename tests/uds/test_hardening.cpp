@@ -4,6 +4,7 @@
 // memory per message within its bounds.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -304,6 +305,15 @@ TEST_F(UdsHardening, TakenSocketNamesAreReplacedAFewTimes)
 // largest size pass the defaults whole.
 TEST_F(UdsHardening, MemoryPerMessageStaysWithinItsBounds)
 {
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizer keeps freed memory and its own shadow of it: the peaks
+    // say nothing here, but the bounds must still end each stream, and
+    // everything runs slower.
+    const bool peaksMean = false;
+    alarm(120);
+#else
+    const bool peaksMean = true;
+#endif
     const std::string text = "<output cl=\"1\" cid=\"0\"><text>";
     struct Row {
         const char* what;
@@ -319,7 +329,7 @@ TEST_F(UdsHardening, MemoryPerMessageStaysWithinItsBounds)
         {"an endless breakpoint list", 0, 0,
          "send <breakpoints cl=\"1\">\nrepeat 2000000 <breakpt fname=\"f.tam\" fpos=\"%n\" "
          "cond=\"x&gt;1\"/>\n",
-         TAM_KERNEL_OVER_LIMIT, 0, 32 << 10},
+         TAM_KERNEL_OVER_LIMIT, 0, 16 << 10},
         {"60 000 format names", 0, 0,
          "repeat 60000 <format cl=\"1\" type=\"t\"><fmt name=\"f%n\"/></format>\n",
          TAM_KERNEL_OVER_LIMIT, 0, 8 << 10},
@@ -332,17 +342,22 @@ TEST_F(UdsHardening, MemoryPerMessageStaysWithinItsBounds)
         {"a payload inflating to 1 GiB", TAM_LIMIT_PAYLOAD_BYTES, 8 << 20,
          "send <output cl=\"1\" cid=\"0\"><mcode format=\"z\">" + deflatedZeros(uint64_t(1) << 30) +
              "</mcode></output>\n",
-         TAM_KERNEL_OVER_LIMIT, 0, 40 << 10},
+         TAM_KERNEL_OVER_LIMIT, 0, 16 << 10},
         {"a result of 10^7 characters", 0, 0,
          "send " + text + "\nrepeat 10000 " + std::string(1000, 'x') + "\nsend </text></output>\n",
-         TAM_KERNEL_RUNNING, 10000000, 64 << 10},
+         TAM_KERNEL_RUNNING, 10000000, 24 << 10},
         {"a payload of 16 MiB", 0, 0,
          "send <output cl=\"1\" cid=\"0\"><mcode format=\"z\">" + deflatedZeros(16 << 20) +
              "</mcode></output>\n",
-         TAM_KERNEL_RUNNING, 16 << 20, 64 << 10},
+         TAM_KERNEL_RUNNING, 16 << 20, 32 << 10},
     };
+    // Freed blocks go back to the system at once, so that what an earlier
+    // row left in the heap cannot hide a later row's peak.
+    mallopt(M_MMAP_THRESHOLD, 64 << 10);
+    mallopt(M_TRIM_THRESHOLD, 0);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
+        malloc_trim(0);
         if (row.which) {
             ASSERT_EQ(TAM_set_limit(row.which, row.value), 1);
         }
@@ -364,7 +379,9 @@ TEST_F(UdsHardening, MemoryPerMessageStaysWithinItsBounds)
                     TAM_get_kernel_state(k), grown, cpuMs() - c0);
         EXPECT_EQ(TAM_get_kernel_state(k), row.state);
         EXPECT_EQ(gDelivered, row.delivered);
-        EXPECT_LT(grown, row.peakKb);
+        if (peaksMean) {
+            EXPECT_LT(grown, row.peakKb);
+        }
         TAM_delete_kernel(k);
         if (row.which)
             TAM_set_limit(row.which, -1);
