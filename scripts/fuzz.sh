@@ -5,15 +5,16 @@
 # tests/fuzz/corpus/<name>. New inputs collect in build-fuzz/corpus/<name>;
 # with FUZZ_MERGE=1 they are merged, minimised, into the stored corpus.
 # A crash, leak or time-out stops the run with libFuzzer's report and the
-# input that caused it (build-fuzz/crash-*). fuzz_connection runs a second
-# time in its resource mode (TAMKERN_FUZZ_RESOURCE=1: every input also fed
-# 32 times over, failing on time or memory that grows faster than it).
+# input that caused it (build-fuzz/crash-*). fuzz_connection and
+# fuzz_transport run a second time in their resource mode
+# (TAMIX_FUZZ_RESOURCE=1: every input also fed 32 times over, failing on
+# time that grows faster than it).
 #   make fuzz [FUZZ_SECONDS=600] [FUZZ_MERGE=1] [FUZZERS="fuzz_codecs ..."]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
 build=${FUZZ_BUILD:-build-fuzz}
-all=(fuzz_xmsg_reader fuzz_codecs fuzz_requests fuzz_connection)
+all=(fuzz_xmsg_reader fuzz_codecs fuzz_requests fuzz_connection fuzz_transport)
 read -r -a fuzzers <<<"${FUZZERS:-${all[*]}}"
 
 ./scripts/setup.sh clang libclang-rt-dev
@@ -36,7 +37,7 @@ locales_for() {
 # harness also in its resource mode.
 modes_for() {
   case $1 in
-    fuzz_connection) echo "plain resource" ;;
+    fuzz_connection | fuzz_transport) echo "plain resource" ;;
     *) echo "plain" ;;
   esac
 }
@@ -50,7 +51,7 @@ for f in "${fuzzers[@]}"; do
       echo "fuzz: $f under $loc ($mode) for ${seconds}s"
       log=$build/$f.$loc.$mode.log
       resource=()
-      [ "$mode" = resource ] && resource=(TAMKERN_FUZZ_RESOURCE=1)
+      [ "$mode" = resource ] && resource=(TAMIX_FUZZ_RESOURCE=1)
       if ! (cd "$build" && env "${resource[@]}" LC_ALL="$loc" ASAN_OPTIONS=detect_leaks=1 \
         "./bin/$f" "../$work" "../$stored" -max_total_time="$seconds" -rss_limit_mb=2048 \
         -timeout=10 -print_final_stats=1 >"../$log" 2>&1); then

@@ -1,11 +1,8 @@
 // Client connections over a kernel process's socket.
 #include "uds/TAM_UdsKernel.h"
 
-#include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/wait.h>
-
-#include <cerrno>
 
 #include "uds/TAM_UdsKernelProcess.h"
 
@@ -25,6 +22,7 @@ TAM_UdsKernel::~TAM_UdsKernel()
     // A kernel already reaped has nothing left to wait for (and its pid may
     // have been given to another process since).
     int pid = proc->is_reaped() ? 0 : proc->get_pid();
+    const bool stayAlive = proc->stays_alive();
     proc->remove_kernel(this);
     // A quitting process still registered holds one reference of its own,
     // which the input loop gives back; it is not a client's.
@@ -42,21 +40,16 @@ TAM_UdsKernel::~TAM_UdsKernel()
     // Only the last client waits for a kernel launched here: while other
     // clients still use it the kernel keeps running, and waiting for it
     // would block this caller for as long as they do.
-    if (pid != 0 && lastClient) {
-        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
+    if (pid == 0 || !lastClient)
+        return;
+    if (stayAlive) {
+        // It is meant to outlive this program: neither waited for nor
+        // ended. Only one that has already gone is reaped.
+        waitpid(pid, nullptr, WNOHANG);
+        return;
     }
-}
-
-long TAM_UdsKernel::send_bytes(int fd, const void* data, std::size_t len)
-{
-    // MSG_NOSIGNAL stands in for SO_NOSIGPIPE where the platform lacks it.
-#ifdef MSG_NOSIGNAL
-    const int flags = MSG_NOSIGNAL;
-#else
-    const int flags = 0;
-#endif
-    return static_cast<long>(send(fd, data, len, flags));
+    // A kernel that ignores the end of its connection is ended.
+    TAM_UdsKernelProcess::end_child(pid, true);
 }
 
 int TAM_UdsKernel::set_kernel_name(const char* name)
@@ -105,9 +98,7 @@ int TAM_UdsKernel::xend()
 {
     if (!TAM_XmsgKernel::xend() || !proc_)
         return 0;
-    // One send; a short count is not retried (the socket is blocking, so
-    // it does not happen short of an error).
-    return send_bytes(proc_->get_fd(), stream_.data(), stream_.length()) >= 0 ? 1 : 0;
+    return proc_->send_request(stream_.data(), stream_.length());
 }
 
 int TAM_UdsKernel::send_new_client(const char* name, const char* frame, long features,
@@ -125,7 +116,10 @@ int TAM_UdsKernel::send_new_client(const char* name, const char* frame, long fea
     if (!TAM_XmsgKernel::send_new_client(name, frame, features, longfmt, floatfmt, coding) ||
         status_ != TKstream::Ok)
         return 0;
-    if (send_bytes(proc_->get_fd(), stream_.data(), stream_.length()) < 0)
+    if (!proc_->send_request(stream_.data(), stream_.length()))
         return 0;
+    // Whoever asked for it, the kernel outlives its launcher.
+    if (features & TAM_FEATURE_STAY_ALIVE)
+        proc_->set_stay_alive();
     return proc_->add_kernel(this);
 }

@@ -5,8 +5,6 @@
 #ifndef TAMIX_UDS_TAM_UDSKERNEL_H
 #define TAMIX_UDS_TAM_UDSKERNEL_H
 
-#include <cstddef>
-
 #include "support/TKT_stream.h"
 #include "xmsg/TAM_XmsgKernel.h"
 
@@ -19,7 +17,9 @@ public:
     explicit TAM_UdsKernel(TAM_UdsKernelProcess* proc);
     // Sends the client's quit request when it has an id, detaches from the
     // process and, when this was the last client of a kernel launched by
-    // this library, waits for that kernel to end.
+    // this library, ends that kernel: waits the delete grace for it, then
+    // SIGTERM, then SIGKILL. A kernel that a client asked to stay alive is
+    // left running.
     ~TAM_UdsKernel() override;
 
     long get_client_id() const override { return clientId_; }
@@ -42,16 +42,13 @@ public:
     // Called by the process when it binds this client to an id.
     void set_client_id(long id) { clientId_ = id; }
 
-    // The one place that writes to a kernel socket. A peer that has gone
-    // away gives an error (-1), never SIGPIPE.
-    static long send_bytes(int fd, const void* data, std::size_t len);
-
 protected:
     TKstream* xstream() override { return &stream_; }
     // Empties the stream, then opens the element; without a process the
     // whole request is a no-op that fails.
     void xbegin(const char* name, unsigned long len) override;
-    // Finishes the request and sends it with one send.
+    // Finishes the request and sends it whole (TAM_UdsKernelProcess::
+    // send_request).
     int xend() override;
 
 private:

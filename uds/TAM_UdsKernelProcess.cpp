@@ -1,12 +1,14 @@
 // Kernel processes: launch, join, registry, client ids, quit, input loop.
 #include "uds/TAM_UdsKernelProcess.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <stddef.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +19,7 @@
 #include <new>
 #include <utility>
 
+#include "kernel/TAM_Limits.h"
 #include "uds/TAM_UdsKernel.h"
 
 std::vector<TAM_UdsKernelProcess*> TAM_UdsKernelProcess::gProcs_;
@@ -110,6 +113,184 @@ int failStep(int code, int sock, int tmpFd = -1)
     return code;
 }
 
+long long nowMs()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<long long>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+}
+
+// A wait of at most ms milliseconds (0 for a negative ms).
+void sleepMs(long long ms)
+{
+    timespec t = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+    if (ms > 0)
+        nanosleep(&t, nullptr);
+}
+
+// Reaps pid within ms milliseconds (no limit for a negative ms). True once
+// it is reaped, here or elsewhere (then it is no child of ours any more).
+bool reapWithin(pid_t pid, long long ms)
+{
+    if (ms < 0) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return true;
+    }
+    const long long end = nowMs() + ms;
+    for (long long step = 1;; step = step < 16 ? 2 * step : 16) {
+        const pid_t r = waitpid(pid, nullptr, WNOHANG);
+        if (r == pid || (r < 0 && errno != EINTR))
+            return true;
+        const long long left = end - nowMs();
+        if (left <= 0)
+            return false;
+        sleepMs(step < left ? step : left);
+    }
+}
+
+// Reserves a fresh name from tmpl in path (as large as tmpl) with mkstemp.
+// The file itself goes again: only the name is wanted. False if no name
+// could be had.
+bool reserveName(char* path, const char* tmpl, std::size_t size, int* keptFd = nullptr)
+{
+    memcpy(path, tmpl, size);
+    const int fd = mkstemp(path);
+    if (fd < 0)
+        return false;
+    unlink(path);
+    if (keptFd)
+        *keptFd = fd;
+    else
+        close(fd);
+    return true;
+}
+
+// True for a socket file of this user: what a kernel launched here leaves.
+bool ownSocket(const char* path)
+{
+    struct stat st;
+    return lstat(path, &st) == 0 && S_ISSOCK(st.st_mode) && st.st_uid == geteuid();
+}
+
+// Something else stands at path: a file another user created there after
+// the name was reserved and unlinked, where the kernel could not listen.
+bool takenByOther(const char* path)
+{
+    struct stat st;
+    return lstat(path, &st) == 0 && !ownSocket(path);
+}
+
+// The socket file a failed launch's kernel may have left goes too.
+void removeOwnSocket(const char* path)
+{
+    if (ownSocket(path))
+        unlink(path);
+}
+
+// The peer of a connected socket must run as this user: a socket that
+// another user put at the path would otherwise get the user's commands.
+bool peerIsThisUser(int s)
+{
+#ifdef SO_PEERCRED
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(s, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+        return false;
+    const uid_t uid = cred.uid;
+#else
+    uid_t uid;
+    gid_t gid;
+    if (getpeereid(s, &uid, &gid) != 0)
+        return false;
+#endif
+    if (uid == geteuid())
+        return true;
+    errno = EACCES;
+    return false;
+}
+
+// How a launch's wait for readiness ended.
+enum class Start { Ready, Died, TimedOut };
+
+// Waits for the kernel's SIGUSR1, its end, or the end of the readiness
+// time-out. The empty mask lets both signals in during pselect; a signal
+// that comes just before a wait is noticed at the end of that step (50 ms
+// at most).
+Start waitForReadiness(pid_t pid)
+{
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    const long long end = nowMs() + TAM_Limits::get(TAM_LIMIT_READY_WAIT_MS);
+    for (;;) {
+        if (gKernelReady)
+            return Start::Ready;
+        if (childDied) {
+            // SIGCHLD may come from another child of this program: only
+            // the kernel's own end counts. The flag is cleared before the
+            // test so that the kernel's SIGCHLD cannot be lost in between.
+            childDied = 0;
+            pid_t r = waitpid(pid, nullptr, WNOHANG);
+            if (r == pid || (r < 0 && errno == ECHILD))
+                return Start::Died; // reaped
+        }
+        const long long left = end - nowMs();
+        if (left <= 0)
+            return Start::TimedOut;
+        const long long ns = left * 1000000 < kWaitStepNs ? left * 1000000 : kWaitStepNs;
+        timespec step = {0, static_cast<long>(ns)};
+        pselect(0, nullptr, nullptr, nullptr, &step, &noSignals);
+    }
+}
+
+// Starts kernel_path with the socket path; the child's pid, or -1.
+pid_t startKernel(const char* kernel_path, const char* path)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        const char* base = strrchr(kernel_path, '/');
+        base = base ? base + 1 : kernel_path;
+        execl(kernel_path, base, "-X", path, static_cast<char*>(nullptr));
+        // _exit, not exit: the child must not flush the parent's stdio
+        // buffers or run its exit handlers a second time.
+        _exit(1);
+    }
+    return pid;
+}
+
+// The readiness and death handlers, installed for the life of the object
+// and the previous ones put back at its end.
+struct LaunchSignals {
+    sighandler_t oldUsr1 = SIG_ERR;
+    sighandler_t oldChld = SIG_ERR;
+    LaunchSignals()
+    {
+        gKernelReady = 0;
+        oldUsr1 = signal(SIGUSR1, kernel_ready);
+        if (oldUsr1 == SIG_ERR)
+            return;
+        childDied = 0;
+        oldChld = signal(SIGCHLD, child_died);
+        if (oldChld == SIG_ERR) {
+            signal(SIGUSR1, oldUsr1);
+            oldUsr1 = SIG_ERR;
+        }
+    }
+    bool installed() const { return oldChld != SIG_ERR; }
+    ~LaunchSignals()
+    {
+        if (!installed())
+            return;
+        signal(SIGUSR1, oldUsr1);
+        signal(SIGCHLD, oldChld);
+    }
+};
+
+// Another user can take a reserved name between its reservation and its
+// use in the shared, sticky /var/tmp; a fresh name is tried then, this many
+// times in all.
+const int kNameAttempts = 3;
+
 } // namespace
 
 // ---- Launching and joining --------------------------------------------------
@@ -124,20 +305,24 @@ int TAM_UdsKernelProcess::client_connect(const char* listen_path)
     setsockopt(s, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one);
 #endif
     // Without SO_NOSIGPIPE (Linux) every send passes MSG_NOSIGNAL instead
-    // (TAM_UdsKernel::send_bytes), with the same effect.
+    // (send_request), with the same effect.
 
     char path[sizeof kClientTemplate];
-    memcpy(path, kClientTemplate, sizeof path);
-    int tmpFd = mkstemp(path);
-    if (tmpFd < 0)
-        return failStep(-2, s);
-
     sockaddr_un addr;
     socklen_t len;
-    unlink(path);
-    if (!fillAddress(addr, len, path) || bind(s, reinterpret_cast<sockaddr*>(&addr), len) < 0)
-        return failStep(-3, s, tmpFd);
-    close(tmpFd);
+    for (int attempt = 1;; ++attempt) {
+        int tmpFd;
+        if (!reserveName(path, kClientTemplate, sizeof path, &tmpFd))
+            return failStep(-2, s);
+        if (!fillAddress(addr, len, path))
+            return failStep(-3, s, tmpFd);
+        const bool bound = bind(s, reinterpret_cast<sockaddr*>(&addr), len) == 0;
+        if (!bound && (errno != EADDRINUSE || attempt == kNameAttempts))
+            return failStep(-3, s, tmpFd);
+        close(tmpFd);
+        if (bound)
+            break;
+    }
     if (chmod(path, 0700) < 0)
         return failStep(-4, s);
 
@@ -146,6 +331,13 @@ int TAM_UdsKernelProcess::client_connect(const char* listen_path)
         if (!listen_path)
             errno = EINVAL;
         return failStep(-5, s);
+    }
+    if (!peerIsThisUser(s)) {
+        // Nothing has been sent: the peer only learns that a connection
+        // came and went.
+        perror(kErrorPrefix);
+        hang_up(s);
+        return -6;
     }
     return s;
 }
@@ -156,72 +348,48 @@ TAM_UdsKernelProcess* TAM_UdsKernelProcess::new_proc(const char* kernel_path, co
         return nullptr;
 
     char path[sizeof kKernelTemplate];
-    memcpy(path, kKernelTemplate, sizeof path);
-    int tmpFd = mkstemp(path);
-    if (tmpFd < 0)
-        return nullptr;
-    // Only the unique name is wanted: the kernel creates its socket there.
-    unlink(path);
-    close(tmpFd);
-
-    gKernelReady = 0;
-    sighandler_t oldUsr1 = signal(SIGUSR1, kernel_ready);
-    if (oldUsr1 == SIG_ERR)
-        return nullptr;
-    childDied = 0;
-    sighandler_t oldChld = signal(SIGCHLD, child_died);
-    if (oldChld == SIG_ERR) {
-        signal(SIGUSR1, oldUsr1);
-        return nullptr;
-    }
-
-    pid_t pid = fork();
-    if (pid < 0) {
-        signal(SIGUSR1, oldUsr1);
-        signal(SIGCHLD, oldChld);
-        return nullptr;
-    }
-    if (pid == 0) {
-        const char* base = strrchr(kernel_path, '/');
-        base = base ? base + 1 : kernel_path;
-        execl(kernel_path, base, "-X", path, static_cast<char*>(nullptr));
-        // _exit, not exit: the child must not flush the parent's stdio
-        // buffers or run its exit handlers a second time.
-        _exit(1);
-    }
-
-    // Wait for readiness or death. The empty mask lets both signals in
-    // during pselect; a signal that comes just before a wait is noticed at
-    // the end of that 50 ms step at the latest.
-    sigset_t noSignals;
-    sigemptyset(&noSignals);
-    bool died = false;
-    for (;;) {
-        if (gKernelReady)
-            break;
-        if (childDied) {
-            // SIGCHLD may come from another child of this program: only
-            // the kernel's own end counts. The flag is cleared before the
-            // test so that the kernel's SIGCHLD cannot be lost in between.
-            childDied = 0;
-            pid_t r = waitpid(pid, nullptr, WNOHANG);
-            if (r == pid || (r < 0 && errno == ECHILD)) {
-                died = true;
+    pid_t pid = -1;
+    {
+        LaunchSignals signals;
+        if (!signals.installed())
+            return nullptr;
+        for (int attempt = 1; pid < 0; ++attempt) {
+            // The kernel creates its socket under the unique name.
+            if (!reserveName(path, kKernelTemplate, sizeof path))
+                return nullptr;
+            gKernelReady = 0;
+            pid = startKernel(kernel_path, path);
+            if (pid < 0)
+                return nullptr;
+            const Start start = waitForReadiness(pid);
+            if (start == Start::Ready)
                 break;
+            if (start == Start::TimedOut) {
+                // Reaped while the launch's SIGCHLD handler is still in
+                // place, so that the front end's own never sees this child.
+                kill(pid, SIGKILL);
+                reapWithin(pid, -1);
+                removeOwnSocket(path);
+                return nullptr;
             }
+            // Dead before it was ready (and reaped). A kernel that found
+            // its name taken by someone else gets another one.
+            removeOwnSocket(path);
+            if (!takenByOther(path) || attempt == kNameAttempts)
+                return nullptr;
+            pid = -1;
         }
-        timespec step = {0, kWaitStepNs};
-        pselect(0, nullptr, nullptr, nullptr, &step, &noSignals);
     }
-    signal(SIGUSR1, oldUsr1);
-    signal(SIGCHLD, oldChld);
-    if (died)
-        return nullptr; // already reaped above
 
     int fd = client_connect(path);
-    if (fd < 0)
-        return nullptr; // the kernel is left running
-    return register_proc(name, fd, path, pid);
+    TAM_UdsKernelProcess* p = fd < 0 ? nullptr : register_proc(name, fd, path, pid);
+    if (!p) {
+        // A kernel that cannot be reached is of no use to anybody: it must
+        // not stay behind, running or as a zombie.
+        end_child(pid, false);
+        removeOwnSocket(path);
+    }
+    return p;
 }
 
 TAM_UdsKernelProcess* TAM_UdsKernelProcess::connect_proc(const char* listen_path, const char* name)
@@ -274,13 +442,29 @@ void TAM_UdsKernelProcess::hang_up(int fd)
     close(fd);
 }
 
+void TAM_UdsKernelProcess::end_child(int pid, bool waitFirst)
+{
+    if (pid <= 0)
+        return;
+    const long long grace = TAM_Limits::get(TAM_LIMIT_DELETE_GRACE_MS);
+    if (waitFirst && reapWithin(pid, grace))
+        return;
+    // Not reaped yet, so pid is still this child, alive or a zombie.
+    kill(pid, SIGTERM);
+    if (reapWithin(pid, grace))
+        return;
+    kill(pid, SIGKILL);
+    reapWithin(pid, -1);
+}
+
 // ---- The object ----------------------------------------------------------------
 
 TAM_UdsKernelProcess::TAM_UdsKernelProcess(const char* name, int fd, const char* listen_path,
                                            int pid)
     : fd_(fd), msgParser_(this), refCount_(1), name_(nullptr), listenPath_(nullptr),
       quitting_(false), pid_(pid), serial_(gNextSerial++), dispatching_(0), doomed_(false),
-      closed_(false), malformed_(false), reaped_(false), exitStatus_(0)
+      endState_(TAM_KERNEL_RUNNING), closed_(false), cut_(false), stayAlive_(false), reaped_(false),
+      exitStatus_(0)
 {
     if (name) {
         name_ = copyText(name);
@@ -522,12 +706,17 @@ char** TAM_UdsKernelProcess::get_kernel_names()
 bool TAM_UdsKernelProcess::read_and_dispatch()
 {
     char buf[1024];
-    ssize_t n = read(fd_, buf, sizeof buf);
+    // Never blocks: a front end that calls in without a readable socket
+    // gets nothing instead of a wait for the kernel.
+    ssize_t n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
     if (n <= 0) {
-        // Closed by the kernel or failed: nothing to dispatch. The socket
-        // stays watched; the state tells the front end to stop.
+        // Closed by the kernel or failed: nothing to dispatch, now or
+        // later. The socket stays open (reading it again gives 0 at once)
+        // but leaves the wait set, where it would be readable for ever.
         if (n == 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) {
             closed_ = true;
+            FD_CLR(fd_, &gSelectSet_);
+            end_stream(TAM_KERNEL_CLOSED);
             try_reap();
         }
         return true;
@@ -535,17 +724,86 @@ bool TAM_UdsKernelProcess::read_and_dispatch()
     ++dispatching_;
     bool ok = msgParser_.saveParse(buf, static_cast<int>(n));
     --dispatching_;
-    // A failed chunk is malformed input only if expat says so; a handler
-    // that threw fails it too, and the stream goes on.
-    if (!ok && !malformed_ && msgParser_.errorCode() != XML_ERROR_NONE) {
-        malformed_ = true;
-        try_reap();
+    // A failed chunk ends the stream if a message crossed a bound or expat
+    // found the input malformed; a handler that threw fails it too, and
+    // the stream goes on.
+    if (!ok && endState_ == TAM_KERNEL_RUNNING) {
+        if (over_limit())
+            end_stream(TAM_KERNEL_OVER_LIMIT);
+        else if (msgParser_.errorCode() != XML_ERROR_NONE)
+            end_stream(TAM_KERNEL_MALFORMED);
+        if (endState_ != TAM_KERNEL_RUNNING)
+            try_reap();
     }
     if (dispatching_ == 0 && doomed_) {
         delete this;
         return false;
     }
     return true;
+}
+
+void TAM_UdsKernelProcess::end_stream(int state)
+{
+    if (endState_ == TAM_KERNEL_RUNNING)
+        endState_ = state;
+}
+
+namespace {
+
+enum class Sent { All, Failed, TimedOut };
+
+// Writes all len bytes to s. The common case is one send; only when the
+// socket is full does it wait, with poll, and never longer in all than the
+// send time-out. Signals neither end it nor make it report a part as the
+// whole.
+Sent sendAll(int s, const char* data, std::size_t len, std::size_t& done)
+{
+#ifdef MSG_NOSIGNAL
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+#else
+    const int flags = MSG_DONTWAIT;
+#endif
+    long long end = -1; // set at the first wait
+    done = 0;
+    while (done < len) {
+        const ssize_t n = send(s, data + done, len - done, flags);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+            return Sent::Failed;
+        if (end < 0)
+            end = nowMs() + TAM_Limits::get(TAM_LIMIT_SEND_TIMEOUT_MS);
+        const long long left = end - nowMs();
+        if (left <= 0)
+            return Sent::TimedOut;
+        pollfd p = {s, POLLOUT, 0};
+        poll(&p, 1, left < 1000000000 ? static_cast<int>(left) : 1000000000);
+    }
+    return Sent::All;
+}
+
+} // namespace
+
+int TAM_UdsKernelProcess::send_request(const void* data, std::size_t len)
+{
+    if (fd_ < 0 || cut_)
+        return 0;
+    std::size_t done = 0;
+    const Sent r = sendAll(fd_, static_cast<const char*>(data), len, done);
+    if (r == Sent::All)
+        return 1;
+    if (r == Sent::TimedOut && done > 0) {
+        // The kernel holds the start of a request it will never see end;
+        // anything sent after it would be read as its continuation.
+        cut_ = true;
+        shutdown(fd_, SHUT_WR);
+        end_stream(TAM_KERNEL_UNRESPONSIVE);
+    }
+    return 0;
 }
 
 void TAM_UdsKernelProcess::try_reap()
@@ -561,11 +819,7 @@ void TAM_UdsKernelProcess::try_reap()
 
 int TAM_UdsKernelProcess::kernel_state() const
 {
-    if (quitting_)
-        return TAM_KERNEL_QUIT;
-    if (malformed_)
-        return TAM_KERNEL_MALFORMED;
-    return closed_ ? TAM_KERNEL_CLOSED : TAM_KERNEL_RUNNING;
+    return quitting_ ? TAM_KERNEL_QUIT : endState_;
 }
 
 int TAM_UdsKernelProcess::exit_status(int* status)

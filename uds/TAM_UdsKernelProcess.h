@@ -11,6 +11,7 @@
 
 #include <sys/select.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -28,8 +29,10 @@ public:
     // Joins a kernel that listens at listen_path. Null on failure.
     static TAM_UdsKernelProcess* connect_proc(const char* listen_path, const char* name);
     // Creates a client socket bound to a fresh file under /var/tmp and
-    // connects it to listen_path. The socket, or the failing step's code:
-    // -1 socket, -2 mkstemp, -3 bind, -4 chmod, -5 connect.
+    // connects it to listen_path, where a process of this user must listen.
+    // The socket, or the failing step's code: -1 socket, -2 mkstemp, -3
+    // bind, -4 chmod, -5 connect, -6 the peer runs as another user (or its
+    // credentials cannot be read).
     static int client_connect(const char* listen_path);
     // The first registered process with this name, with one more reference.
     static TAM_UdsKernelProcess* get_proc(const char* name);
@@ -38,6 +41,11 @@ public:
     static char** get_kernel_names();
     // Shuts fd down both ways and closes it; nothing for a negative fd.
     static void hang_up(int fd);
+    // Ends a child kernel and reaps it: waits up to the delete grace for it
+    // to end by itself (when waitFirst), then sends SIGTERM and waits up to
+    // the grace again, then SIGKILL. A pid already reaped elsewhere is
+    // left alone.
+    static void end_child(int pid, bool waitFirst);
 
     // Waits for (wait != 0) or polls (wait == 0) all sockets, reads at most
     // 1024 bytes from each readable one and dispatches what they complete;
@@ -62,8 +70,17 @@ public:
 
     // What has become of the kernel: one of the TAM_KERNEL_... values. The
     // first thing that ends the stream (quit, end or failure of the socket,
-    // malformed input) stays.
+    // malformed input, a message over a bound, a request cut short) stays.
     int kernel_state() const;
+    // Sends len bytes of one request whole: 1 when all went out, 0 when
+    // the socket failed or the kernel did not take them within the send
+    // time-out. A request cut short that way leaves the stream unusable:
+    // the sending side is shut down and every later request fails at once.
+    int send_request(const void* data, std::size_t len);
+    // A client announced that the kernel is to outlive it: nobody waits
+    // for this kernel or ends it.
+    void set_stay_alive() { stayAlive_ = true; }
+    bool stays_alive() const { return stayAlive_; }
     // 1 and *status (may be null) once a kernel launched here has ended and
     // been reaped here; tries a reap without waiting when it has not.
     int exit_status(int* status);
@@ -106,6 +123,8 @@ private:
     bool read_and_dispatch();
     // Reaps a launched kernel that has ended, without waiting.
     void try_reap();
+    // Records what ended the stream, unless something did before.
+    void end_stream(int state);
 
     int fd_;
     TAM_XmsgParser msgParser_;
@@ -128,11 +147,15 @@ private:
     int dispatching_;
     bool doomed_;
 
-    // The end of the kernel's stream: its socket read 0 bytes or failed,
-    // or its bytes broke the protocol. The input loop goes on reading such
-    // a socket; these only record what it found.
+    // What ended the kernel's stream (TAM_KERNEL_RUNNING while nothing
+    // did). The input loop goes on reading a malformed stream, which may
+    // still hold bytes; a socket at its end (closed_) leaves the set that
+    // the loop waits on, so that a wait does not return at once for ever.
+    int endState_;
     bool closed_;
-    bool malformed_;
+    // The sending side was shut down after a request was cut short.
+    bool cut_;
+    bool stayAlive_;
     // A launched kernel reaped by try_reap, and its waitpid status.
     bool reaped_;
     int exitStatus_;

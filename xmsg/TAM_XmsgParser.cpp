@@ -1,5 +1,7 @@
 #include "xmsg/TAM_XmsgParser.h"
 
+#include "kernel/TAM_Limits.h"
+
 namespace {
 
 // The kernel's stream has no document element of its own; this one is
@@ -25,19 +27,55 @@ bool suspended(XML_Parser p)
     return st.parsing == XML_SUSPENDED;
 }
 
+TAM_XmsgParser* self(void* userData)
+{
+    return static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData));
+}
+
 } // namespace
 
 void TAM_XmsgParser::stop(void* userData)
 {
-    auto* self = static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData));
-    self->stopped_ = true;
-    XML_StopParser(self->parser_, XML_TRUE);
+    TAM_XmsgParser* p = self(userData);
+    p->stopped_ = true;
+    XML_StopParser(p->parser_, XML_TRUE);
 }
 
+XML_Index TAM_XmsgParser::eventEnd() const
+{
+    return XML_GetCurrentByteIndex(parser_) + XML_GetCurrentByteCount(parser_);
+}
+
+bool TAM_XmsgParser::overSize(XML_Index end)
+{
+    if (end - boundary_ <= TAM_Limits::get(TAM_LIMIT_MESSAGE_BYTES))
+        return false;
+    endStream(TAM_LIMIT_MESSAGE_BYTES);
+    return true;
+}
+
+void TAM_XmsgParser::endStream(int which)
+{
+    static_cast<TAM_XmsgParserHandler*>(handler_)->note_over_limit(which);
+    ended_ = true;
+    stopped_ = true;
+    XML_StopParser(parser_, XML_FALSE);
+}
+
+// The bounds on depth and size are checked before the handler sees the
+// event, so that where a stream ends does not depend on how it was cut
+// into chunks.
 void XMLCALL TAM_XmsgParser::guardedStart(void* userData, const char* name, const char** atts)
 {
     // expat checks for a stop after every token, and a start tag is the
     // first event of its token: nothing can come here after a stop.
+    TAM_XmsgParser* p = self(userData);
+    if (++p->depth_ - 1 > TAM_Limits::get(TAM_LIMIT_DEPTH))
+        return p->endStream(TAM_LIMIT_DEPTH);
+    if (p->depth_ == 1)
+        p->boundary_ = p->eventEnd(); // the injected root counts for nobody
+    else if (p->overSize(p->eventEnd()))
+        return;
     try {
         startHdl(userData, name, atts);
     } catch (...) {
@@ -47,20 +85,35 @@ void XMLCALL TAM_XmsgParser::guardedStart(void* userData, const char* name, cons
 
 void XMLCALL TAM_XmsgParser::guardedEnd(void* userData, const char* name)
 {
+    TAM_XmsgParser* p = self(userData);
     // expat may still report an empty element's end after a stop in its
     // start; the message that threw gets no further events.
-    if (static_cast<TAM_XmsgParser*>(static_cast<Xml::Parser*>(userData))->stopped_)
-        return;
-    try {
-        endHdl(userData, name);
-    } catch (...) {
-        stop(userData);
+    if (!p->stopped_) {
+        const XML_Index end = p->eventEnd();
+        if (p->overSize(end))
+            return;
+        try {
+            endHdl(userData, name);
+        } catch (...) {
+            stop(userData);
+        }
+        // A message has ended: the next one counts from here.
+        if (p->depth_ == 2)
+            p->boundary_ = end;
     }
+    --p->depth_;
 }
 
 void XMLCALL TAM_XmsgParser::guardedChars(void* userData, const char* data, int len)
 {
-    // A run of text is a token of its own, like a start tag.
+    // A run of text is a token of its own, like a start tag. Text between
+    // messages belongs to none of them.
+    TAM_XmsgParser* p = self(userData);
+    const XML_Index end = p->eventEnd();
+    if (p->depth_ <= 1)
+        p->boundary_ = end;
+    else if (p->overSize(end))
+        return;
     try {
         charHdl(userData, data, len);
     } catch (...) {
@@ -86,9 +139,17 @@ bool TAM_XmsgParser::init()
 
 bool TAM_XmsgParser::saveParse(const char* data, int len)
 {
+    auto* handler = static_cast<TAM_XmsgParserHandler*>(handler_);
+    // After a bound was crossed the stream is over, as after malformed
+    // input: every chunk fails.
+    if (ended_) {
+        if (handler)
+            handler->cleanup();
+        return false;
+    }
     // The constructor takes only this kind of handler.
-    if (handler_)
-        static_cast<TAM_XmsgParserHandler*>(handler_)->beforeChunk();
+    if (handler)
+        handler->beforeChunk();
     stopped_ = false;
     bool ok;
     try {
@@ -101,17 +162,33 @@ bool TAM_XmsgParser::saveParse(const char* data, int len)
         return false;
     }
     // A handler threw: drop the message state and go on with the rest of
-    // the chunk, which may throw again.
+    // the chunk, which may throw again. A bound crossed inside the handler
+    // ends the stream instead.
     while (parser_ && suspended(parser_)) {
         ok = false;
         if (handler_)
             handler_->cleanup();
         stopped_ = false;
+        if (handler && handler->over_limit()) {
+            ended_ = true;
+            break;
+        }
         if (XML_ResumeParser(parser_) == XML_STATUS_ERROR) {
             if (handler_)
                 handler_->cleanup();
             break;
         }
     }
+    // A token not yet complete (a start tag, a comment) is held by expat:
+    // the bound counts it before it grows any further.
+    fed_ += len > 0 ? len : 0;
+    if (!ended_ && parser_ && fed_ - boundary_ > TAM_Limits::get(TAM_LIMIT_MESSAGE_BYTES)) {
+        endStream(TAM_LIMIT_MESSAGE_BYTES);
+        if (handler_)
+            handler_->cleanup();
+        ok = false;
+    }
+    if (ended_)
+        ok = false;
     return ok;
 }

@@ -5,9 +5,13 @@
 #include <cstring>
 #include <new>
 
+#include "kernel/TAM_Limits.h"
 #include "support/Tut.h"
 
 namespace {
+
+// Format names are protocol words; one longer than this is not a format.
+constexpr std::size_t kMaxFormatName = 4096;
 
 // ---- name lookup -----------------------------------------------------------
 //
@@ -276,9 +280,17 @@ void TAM_XmsgParserHandler::clearFmtList()
 
 const char* TAM_XmsgParserHandler::formatName(const char* name)
 {
-    for (char* s : fmtNames_)
-        if (std::strcmp(s, name) == 0)
-            return s;
+    // Hashed: a kernel that sends many names must not make each lookup
+    // cost a pass over all of them.
+    const std::string_view key(name);
+    const auto found = fmtIndex_.find(key);
+    if (found != fmtIndex_.end())
+        return found->data();
+    // Every new name is kept for the life of the handler, so both their
+    // number and the length of each are bounded.
+    if (key.size() > kMaxFormatName ||
+        static_cast<long long>(fmtNames_.size()) >= TAM_Limits::get(TAM_LIMIT_FORMAT_NAMES))
+        exceed(TAM_LIMIT_FORMAT_NAMES);
     char* copy = strdup(name);
     if (!copy)
         throw std::bad_alloc();
@@ -288,7 +300,20 @@ const char* TAM_XmsgParserHandler::formatName(const char* name)
         std::free(copy);
         throw;
     }
+    try {
+        fmtIndex_.insert(std::string_view(copy, key.size()));
+    } catch (...) {
+        fmtNames_.pop_back();
+        std::free(copy);
+        throw;
+    }
     return copy;
+}
+
+void TAM_XmsgParserHandler::exceed(int which)
+{
+    note_over_limit(which);
+    throw OverLimit();
 }
 
 void TAM_XmsgParserHandler::appendLocCopy(std::vector<char*>& list, const char* utf8)
@@ -316,11 +341,29 @@ void TAM_XmsgParserHandler::emptyContent()
     content_.rewind();
 }
 
+class TAM_XmsgParserHandler::PayloadSink : public TKpayloadSink {
+public:
+    explicit PayloadSink(TAM_XmsgParserHandler& h) : h_(h) {}
+    long put(const unsigned char* data, unsigned long len) override
+    {
+        // The content holds this payload's bytes only (an mcode element
+        // empties it), so its length is what the payload has come to.
+        const unsigned long long limit =
+            static_cast<unsigned long long>(TAM_Limits::get(TAM_LIMIT_PAYLOAD_BYTES));
+        if (len > limit || h_.content_.length() > limit - len)
+            h_.exceed(TAM_LIMIT_PAYLOAD_BYTES);
+        return h_.content_.append(data, len);
+    }
+
+private:
+    TAM_XmsgParserHandler& h_;
+};
+
 // The reader reports nothing: a damaged payload is delivered as far as it
 // decoded, and the decoder's result is not needed.
 void TAM_XmsgParserHandler::endMCode()
 {
-    TKstreamSink sink(content_);
+    PayloadSink sink(*this);
     decoder_.finish(sink);
     content_.rewind();
 }
@@ -346,7 +389,7 @@ void TAM_XmsgParserHandler::characterData(const char* data, int len)
         content_.append(buf.data(), static_cast<unsigned long>(n));
     } else if (inMCode_) {
         // A failed append to the content loses the rest of this chunk only.
-        TKstreamSink sink(content_);
+        PayloadSink sink(*this);
         decoder_.write(data, len, sink);
     }
 }
@@ -572,6 +615,9 @@ struct TAM_XmsgParserHandler::Rules {
     template <int NameAt, int TextAt, bool WithPosition>
     static void startItem(H& h, const Values& v)
     {
+        // Every kind of item has a name: it counts the items of the list.
+        if (static_cast<long long>(h.dbgNames_.size()) >= TAM_Limits::get(TAM_LIMIT_LIST_ENTRIES))
+            h.exceed(TAM_LIMIT_LIST_ENTRIES);
         appendLocCopy(h.dbgNames_, v[NameAt]);
         if (WithPosition)
             h.dbgPositions_.push_back(number(v[AtFpos]));
@@ -580,6 +626,8 @@ struct TAM_XmsgParserHandler::Rules {
 
     static void startFmt(H& h, const Values& v)
     {
+        if (h.fmtCount_ >= TAM_Limits::get(TAM_LIMIT_LIST_ENTRIES))
+            h.exceed(TAM_LIMIT_LIST_ENTRIES);
         const char* p = h.formatName(raw(v[AtName]));
         if (h.fmtCount_ < static_cast<int64_t>(h.fmtList_.size()))
             h.fmtList_[static_cast<std::size_t>(h.fmtCount_)] = p;

@@ -13,6 +13,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "kernel/TAM_KernelImpl.h"
@@ -112,11 +114,24 @@ public:
     // Forgets the formats of the current format message.
     void clearFmtList();
     // The interned copy of name, valid for the life of this handler.
-    // Throws std::bad_alloc when a new name cannot be copied.
+    // Throws std::bad_alloc when a new name cannot be copied, and ends the
+    // stream (over TAM_LIMIT_FORMAT_NAMES) when the name is too long or one
+    // name too many.
     const char* formatName(const char* name);
     // A new chunk of input follows: code outside the parser may have
     // changed the locale since the last one.
     void beforeChunk() { localeRead_ = false; }
+
+    // The TAM_LIMIT_... bound that a message crossed, which ended the
+    // stream; 0 while none was.
+    int over_limit() const { return overLimit_; }
+    // Records that the stream ended over the bound which (the first one
+    // recorded stays).
+    void note_over_limit(int which)
+    {
+        if (!overLimit_)
+            overLimit_ = which;
+    }
 
 protected:
     // A NUL-terminated text that keeps its largest storage, so that a value
@@ -160,6 +175,9 @@ protected:
     // Finishes an mcode element: decodes the rest of its text, readies the
     // decoder for the next payload and terminates the content.
     void endMCode();
+    // Records the bound which as crossed and throws OverLimit, which leaves
+    // the handler's work at once; the parser then ends the stream.
+    [[noreturn]] void exceed(int which);
 
     TAM_KernelImpl* kernel_;           // current client, not owned
     TKpayloadDecoder decoder_;         // base64 and inflate state: mcode text to bytes
@@ -173,8 +191,9 @@ protected:
     int32_t textInput_;                // "text" flag of sendinput
     std::vector<const char*> fmtList_; // formats of this message, interned
     std::vector<char*> fmtNames_;      // every distinct format name (malloc)
-    int64_t fmtCount_;                 // entries of fmtList_ in this message
-    std::vector<char*> dbgNames_;      // locale, malloc'd
+    std::unordered_set<std::string_view> fmtIndex_; // the same names, for lookup
+    int64_t fmtCount_;                              // entries of fmtList_ in this message
+    std::vector<char*> dbgNames_;                   // locale, malloc'd
     std::vector<long> dbgPositions_;
     std::vector<char*> dbgTexts_; // locale, malloc'd
     int64_t level_;               // "level" of callstack
@@ -187,6 +206,12 @@ protected:
 private:
     // What each element does at its start and end tag; one rule per element.
     struct Rules;
+    // Takes inflated payload bytes into the content, within the bound.
+    class PayloadSink;
+    // Thrown by exceed(): a bound was crossed.
+    struct OverLimit {};
+
+    int overLimit_ = 0;
 };
 
 #endif

@@ -225,6 +225,10 @@ std::string KernelLink::goneReason()
         return "the kernel quit";
     case TAM_KERNEL_MALFORMED:
         return "the kernel broke the protocol";
+    case TAM_KERNEL_OVER_LIMIT:
+        return "the kernel sent a message over the library's limits";
+    case TAM_KERNEL_UNRESPONSIVE:
+        return "the kernel stopped taking requests";
     default:
         break;
     }
@@ -256,10 +260,13 @@ void KernelLink::sendNext()
     running_ = true;
     if (!TAM_send_cmd(kernel_, reinterpret_cast<void*>(static_cast<uintptr_t>(cookie_)),
                       command.c_str())) {
-        // The kernel has gone; reading its socket will say how.
+        // The kernel has gone; reading its socket will say how, unless the
+        // send itself found it unresponsive.
         running_ = false;
         listener_.onOutput("error", "text", "the command could not be sent");
         listener_.onFinished();
+        if (kernel_ && !gone_ && TAM_get_kernel_state(kernel_) == TAM_KERNEL_UNRESPONSIVE)
+            noticeGone();
     }
 }
 

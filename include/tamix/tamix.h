@@ -369,15 +369,20 @@ TAMIX_API int TAM_set_client_data(TAM_KernelImpl* kernel, void* data);
 TAMIX_API void* TAM_get_client_data(TAM_KernelImpl* kernel);
 
 /* Requests. Each writes one message to the kernel and sends it whole over
- * the connection's socket before it returns. The socket is blocking, so a
- * call may wait until the system has taken the bytes, but no request
- * waits for the kernel: what the kernel answers arrives later as handler
- * calls from the input loop.
+ * the connection's socket before it returns. Signals and partial writes do
+ * not cut a request short: the rest is sent. A call waits only while the
+ * kernel does not take the bytes (its socket is full), for at most
+ * TAM_LIMIT_SEND_TIMEOUT_MS (30 s by default) in all; no request waits for
+ * the kernel's answer, which arrives later as handler calls from the input
+ * loop.
  *
- * Result: 1 when the request was sent. 0 for a null kernel, for a
- * connection whose kernel has quit or closed its socket, when the send
- * fails, and when memory runs out; a failed request sends nothing, and the
- * connection stays usable for the next one.
+ * Result: 1 when every byte of the request went out. 0 for a null kernel,
+ * for a connection whose kernel has quit or closed its socket, when the
+ * send fails, when the time-out passes, and when memory runs out. A
+ * request that sent nothing leaves the connection usable for the next one;
+ * one that the kernel took only in part before the time-out leaves the
+ * kernel's stream cut: the state becomes TAM_KERNEL_UNRESPONSIVE and every
+ * later request of that kernel process fails at once.
  *
  * Texts are converted from the locale's encoding to UTF-8; a null text is
  * sent as the empty text. Every request after the announcement carries the
@@ -490,10 +495,13 @@ TAMIX_API int TAM_set_kernel_name(TAM_KernelImpl* kernel, const char* name);
  * the last connection to that process, it also closes the process's socket
  * and removes the kernel's listening socket file (for a joined kernel too,
  * which then cannot be joined by that path again), and, if this library
- * launched the kernel, waits with no time limit for the kernel process to
- * end and reaps it. A launched reference kernel ends once its last client
- * has left, unless one of them announced TAM_FEATURE_STAY_ALIVE: then this
- * call waits until something else ends the kernel.
+ * launched the kernel, ends it: it waits up to TAM_LIMIT_DELETE_GRACE_MS
+ * (5 s by default) for the kernel process to end by itself, then sends it
+ * SIGTERM and waits as long again, then SIGKILL, and reaps it. A launched
+ * reference kernel ends once its last client has left, so the first wait is
+ * short. A kernel that one of its clients asked to stay alive
+ * (TAM_FEATURE_STAY_ALIVE, sent by a connection of this library) is
+ * neither waited for nor ended: it runs on after the call.
  *
  * A null kernel: nothing happens. The handle must not be used afterwards.
  * It may be called from inside a handler, for the handler's own connection
@@ -517,8 +525,8 @@ TAMIX_API const char* TAM_get_kernel_name(TAM_KernelImpl* kernel);
 /* The socket of the connection's kernel process, for the front end's own
  * poll or select; all connections of one process share it. Leave the
  * reading to TAM_read_uds_input or TAM_handle_uds_input, and never write to
- * it or close it. (TAM_get_kernel_state tells when the kernel has closed
- * its end without quitting; stop watching the socket then.) -1 once
+ * it or close it. (TAM_get_kernel_state tells when the kernel's stream has
+ * ended without a quit; stop watching the socket then.) -1 once
  * the kernel has quit and the socket is closed. 0 for a null kernel, which
  * is also a valid descriptor: check the handle first. */
 TAMIX_API int TAM_get_client_fd(TAM_KernelImpl* kernel);
@@ -532,22 +540,30 @@ TAMIX_API const char* TAM_get_listen_path(TAM_KernelImpl* kernel);
  * and a fresh socket path under /var/tmp; it inherits the program's
  * standard input, output and error. name: a name for the kernel process,
  * by which TAM_get_uds_kernel finds it (copied; null: the decimal number
- * of its socket). The call blocks, with no time limit, until the kernel
- * signals with SIGUSR1 that it listens, or dies; meanwhile it has its own
- * handlers installed for SIGUSR1 and SIGCHLD, and it puts the previous ones
- * back before it returns. Then it connects.
+ * of its socket). The call blocks until the kernel signals with SIGUSR1
+ * that it listens, or dies, for at most TAM_LIMIT_READY_WAIT_MS (30 s by
+ * default); meanwhile it has its own handlers installed for SIGUSR1 and
+ * SIGCHLD, and it puts the previous ones back before it returns. Then it
+ * connects, as TAM_connect_uds_kernel does (the kernel must run as this
+ * user). When another program takes the fresh socket name before the
+ * kernel could use it, the launch is tried again with a new name, three
+ * times in all.
  *
- * Returns null for a null kernel_path, when the kernel could not be started
- * or died before it was ready, and when connecting failed (a kernel that
- * is ready but refuses the connection is left running). A failing socket
- * step prints one line "TAM_UdsKernelProcess: " and the system's reason on
- * standard error. The new connection has no client id yet: announce it
- * with TAM_send_new_client. */
+ * Returns null for a null kernel_path, when the kernel could not be
+ * started, died before it was ready or was not ready in time, and when
+ * connecting failed. A kernel of a failed launch is never left behind: it
+ * is ended (SIGTERM, SIGKILL) and reaped. A failing socket step prints one line
+ * "TAM_UdsKernelProcess: " and the system's reason on standard error. The new connection has no
+ * client id yet: announce it with TAM_send_new_client. */
 TAMIX_API TAM_KernelImpl* TAM_new_uds_kernel(const char* kernel_path, const char* name);
 /* Joins a kernel that already listens at listen_path and returns a new
- * connection to it; name as for TAM_new_uds_kernel. Returns null for a
- * null listen_path or when connecting fails (with the line on standard
- * error as above). The library does not wait for such a kernel when the
+ * connection to it; name as for TAM_new_uds_kernel. The process that
+ * listens there must run as this user (its credentials are checked before
+ * anything is sent): a socket that another user put at the path would
+ * otherwise receive this user's commands. Returns null for a null
+ * listen_path, when connecting fails, and for a peer of another user (with
+ * the line on standard error as above, "Permission denied" for the
+ * latter). The library does not wait for such a kernel when the
  * connection ends, but see TAM_delete_kernel about its socket file. */
 TAMIX_API TAM_KernelImpl* TAM_connect_uds_kernel(const char* listen_path, const char* name);
 /* A further connection to the kernel process named name (the first one
@@ -571,18 +587,18 @@ TAMIX_API char** TAM_get_uds_kernel_names(void);
  * socket, calls the handlers for every message that these bytes complete,
  * and finally lets go of the kernel processes that quit. A longer message
  * takes several calls. It returns at once if no kernel was ever launched
- * or joined. Two cases need care with wait nonzero: when no kernel socket
- * is open any more (every connection deleted, every kernel quit) the call
- * blocks until a signal arrives; and a kernel that closed its socket
- * without quitting leaves it readable for ever, so every call returns at
- * once having read nothing.
+ * or joined. A socket whose end it has read (the kernel closed it without
+ * quitting, TAM_KERNEL_CLOSED) is no longer watched, so a blocking call
+ * does not return at once for ever; when no watched socket is left (every
+ * connection deleted, every kernel quit or closed) a call with wait
+ * nonzero blocks until a signal arrives.
  *
  * TAM_read_uds_input reads once, at most 1024 bytes, from the kernel
  * process whose socket is fd (TAM_get_client_fd), calls the handlers for
  * the messages completed, and lets go of the process if its kernel quit.
- * It reads without looking first, so call it when poll or select has
- * reported fd readable: with nothing to read it blocks until the kernel
- * sends something. An fd that belongs to no kernel process is ignored. */
+ * Call it when poll or select has reported fd readable; with nothing to
+ * read it returns at once. An fd that belongs to no kernel process is
+ * ignored. */
 TAMIX_API void TAM_handle_uds_input(int wait);
 TAMIX_API void TAM_read_uds_input(int fd);
 
@@ -595,23 +611,34 @@ enum {
     /* the kernel closed its end without quitting (it ended or was killed) */
     TAM_KERNEL_CLOSED = 2,
     /* the kernel's stream broke the protocol; nothing more is delivered */
-    TAM_KERNEL_MALFORMED = 3
+    TAM_KERNEL_MALFORMED = 3,
+    /* a message of the kernel went over one of the TAM_LIMIT_... bounds;
+     * nothing more is delivered */
+    TAM_KERNEL_OVER_LIMIT = 4,
+    /* a request could not be sent whole within TAM_LIMIT_SEND_TIMEOUT_MS:
+     * the kernel took part of it and then stopped reading. The stream to
+     * the kernel is cut (the library shuts down its sending side) and
+     * every later request fails with 0 at once */
+    TAM_KERNEL_UNRESPONSIVE = 5
 };
-/* The state of the connection's kernel process, as the input loop has
- * found it: TAM_KERNEL_RUNNING until the loop reads the kernel's quit
+/* The state of the connection's kernel process, as the library has found
+ * it: TAM_KERNEL_RUNNING until the input loop reads the kernel's quit
  * message (TAM_KERNEL_QUIT), reads the end of the socket or fails to read
- * it (TAM_KERNEL_CLOSED), or meets bytes that break the protocol
- * (TAM_KERNEL_MALFORMED). The first of these that happens stays; all
- * connections of one process share it. -1 for a null kernel; a connection
- * without a process gives TAM_KERNEL_CLOSED.
+ * it (TAM_KERNEL_CLOSED), meets bytes that break the protocol
+ * (TAM_KERNEL_MALFORMED) or a message over a bound (TAM_KERNEL_OVER_LIMIT),
+ * or a request is cut short by the send time-out (TAM_KERNEL_UNRESPONSIVE).
+ * The first of these that happens stays; all connections of one process
+ * share it. -1 for a null kernel; a connection without a process gives
+ * TAM_KERNEL_CLOSED.
  *
  * This is how a front end with its own poll loop learns that a kernel has
- * gone. The input loop goes on finding a closed socket readable and
- * reading nothing from it (and goes on reading a malformed stream without
- * delivering anything), so once the state is no longer TAM_KERNEL_RUNNING,
- * stop watching TAM_get_client_fd. Requests to a closed kernel fail with 0;
- * a kernel whose stream was malformed may still take them, but nothing it
- * answers is delivered. */
+ * gone or must be given up. A socket at its end stays readable (reading it
+ * gives nothing), and the input loop goes on reading a malformed stream
+ * without delivering anything, so once the state is no longer
+ * TAM_KERNEL_RUNNING, stop watching TAM_get_client_fd and delete the
+ * connections. Requests to a closed or cut kernel fail with 0; a kernel
+ * whose stream was malformed or over a bound may still take them, but
+ * nothing it answers is delivered. */
 TAMIX_API int TAM_get_kernel_state(TAM_KernelImpl* kernel);
 /* 1 and *status set (a waitpid status) once a kernel this library
  * launched has ended and was reaped by the library; 0 while it runs, for a
@@ -625,6 +652,59 @@ TAMIX_API int TAM_get_kernel_state(TAM_KernelImpl* kernel);
  * has been reaped, TAM_delete_kernel does not wait for it. A front end that
  * reaps the kernel itself (waitpid(-1, ...)) leaves nothing to report. */
 TAMIX_API int TAM_get_kernel_exit_status(TAM_KernelImpl* kernel, int* status);
+
+/* Bounds and time-outs. A kernel is another program, and the library keeps
+ * what one kernel can cost the front end within these bounds: memory per
+ * message, the time any call waits for a kernel. They are process-wide and
+ * hold for every kernel; a change applies from the next time the library
+ * checks the bound (the next message, send or wait). The defaults are far
+ * above what a well-behaved kernel needs: the reference kernel's largest
+ * results (10^7 characters and more, as text or as a payload) pass them.
+ *
+ * A message that goes over one of the first five bounds ends its kernel's
+ * stream as malformed input does: nothing more from that kernel process is
+ * delivered, not even the rest of that message, and TAM_get_kernel_state
+ * gives TAM_KERNEL_OVER_LIMIT for each of its connections. */
+enum {
+    /* Bytes of one message as it arrives (its tags, attributes, text and
+     * payload text, with anything before it that is not text between
+     * messages). Bounds what one message's text and attributes cost.
+     * Default 256 MiB. */
+    TAM_LIMIT_MESSAGE_BYTES = 1,
+    /* Bytes of one message's payload after inflating (on_output_data,
+     * on_callback). Default 256 MiB. */
+    TAM_LIMIT_PAYLOAD_BYTES = 2,
+    /* Elements open at once inside one message, the message itself
+     * counting 1 (the messages of the protocol need 2). Default 256. */
+    TAM_LIMIT_DEPTH = 3,
+    /* Items of one list message: breakpoints, stack frames, display
+     * variables, or the formats of one format message. Default 100000. */
+    TAM_LIMIT_LIST_ENTRIES = 4,
+    /* Distinct format names one kernel process may introduce. The library
+     * keeps each one for as long as the process lives (they are the names
+     * handed to on_format_changed and on_select_format), so they are
+     * counted over the whole connection, not per message; a single name
+     * longer than 4096 bytes is over this bound too. Default 1024. */
+    TAM_LIMIT_FORMAT_NAMES = 5,
+    /* Milliseconds TAM_new_uds_kernel waits for the kernel's readiness
+     * signal. Default 30000. */
+    TAM_LIMIT_READY_WAIT_MS = 6,
+    /* Milliseconds one request may wait for the kernel to take its bytes.
+     * Default 30000. */
+    TAM_LIMIT_SEND_TIMEOUT_MS = 7,
+    /* Milliseconds TAM_delete_kernel waits for a launched kernel to end by
+     * itself, and again after SIGTERM. Default 5000. */
+    TAM_LIMIT_DELETE_GRACE_MS = 8
+};
+/* Sets the bound which (a TAM_LIMIT_... value) to value: at least 1 for the
+ * sizes, at least 0 for the time-outs (0: do not wait; above 2^40 ms, some
+ * 35 years, counts as 2^40). A negative value restores the default. Returns 1 when set; 0 for an
+ * unknown which or a value below the least one allowed, and nothing changes. Call it between calls
+ * of the input loop, not from a handler's middle of a message: a lower bound takes effect at the
+ * next check. */
+TAMIX_API int TAM_set_limit(int which, int64_t value);
+/* The value of the bound which in force; -1 for an unknown which. */
+TAMIX_API int64_t TAM_get_limit(int which);
 
 /* The version of the library in use, "MAJOR.MINOR.PATCH": the run-time
  * counterpart of TAMIX_VERSION_STRING, for a front end that wants to know

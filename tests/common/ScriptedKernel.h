@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -137,6 +139,49 @@ inline bool pumpUntil(const std::function<bool()>& cond, int timeoutMs = 5000)
 inline bool alive(pid_t pid)
 {
     return pid > 0 && kill(pid, 0) == 0;
+}
+
+// Milliseconds since t0.
+inline long msSince(Clock::time_point t0)
+{
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
+}
+
+// Processor time of this process so far, in milliseconds.
+inline long cpuMs()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000L +
+           (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1000L;
+}
+
+struct Cost {
+    long wallMs, cpuMs;
+};
+
+// Runs call, which is expected to block until a signal comes, with a
+// SIGALRM due after ms; what it cost. The tests' own alarm is set again
+// afterwards.
+inline Cost untilSignal(const std::function<void()>& call, long ms)
+{
+    struct sigaction wake {
+    }, old{};
+    wake.sa_handler = [](int) {}; // no SA_RESTART: the wait ends
+    sigaction(SIGALRM, &wake, &old);
+    itimerval due{};
+    due.it_value.tv_sec = ms / 1000;
+    due.it_value.tv_usec = ms % 1000 * 1000;
+    const auto t0 = Clock::now();
+    const long c0 = cpuMs();
+    setitimer(ITIMER_REAL, &due, nullptr);
+    call();
+    const Cost cost{msSince(t0), cpuMs() - c0};
+    alarm(0);
+    sigaction(SIGALRM, &old, nullptr);
+    alarm(20);
+    return cost;
 }
 
 // Each case runs in its own process; the fixture also keeps them apart

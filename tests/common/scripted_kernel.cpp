@@ -4,11 +4,15 @@
 // arguments to $TAMIX_RECORD.args and its process id to $TAMIX_RECORD.pid.
 // Steps (in TEXT, \n stands for a newline):
 //   listen | accept | wait_for TEXT | drain | send TEXT | sleep_ms N | close
-//   exit N | kill | poke FD | wait_zombie PIDFILE
+//   exit N | kill | poke FD | wait_zombie PIDFILE | repeat N TEXT | ignore_term
+//   ready
 // All but listen work on the latest accepted connection; wait_for reads until
 // TEXT has arrived after the end of the previous match. poke writes one byte
 // to an inherited descriptor; wait_zombie waits until the process whose id
-// the file holds has ended (and is not yet reaped).
+// the file holds has ended (and is not yet reaped). repeat sends TEXT N
+// times, each "%n" in it replaced by the repetition's number, and stops early
+// when the peer has gone; ignore_term ignores SIGTERM from then on; ready
+// signals readiness without listening anywhere.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -73,6 +77,26 @@ int main(int argc, char** argv)
                 continue;
         } else if (op == "send") {
             send(fd, arg.data(), arg.size(), MSG_NOSIGNAL);
+        } else if (op == "repeat") {
+            sp = arg.find(' ');
+            const long n = std::stol(arg.substr(0, sp));
+            const std::string text = arg.substr(sp + 1);
+            std::string block;
+            for (long i = 0; i < n; ++i) {
+                std::string one = text;
+                for (size_t at = 0; (at = one.find("%n", at)) != std::string::npos;)
+                    one.replace(at, 2, std::to_string(i));
+                block += one;
+                if ((block.size() >= 65536 || i + 1 == n) &&
+                    send(fd, block.data(), block.size(), MSG_NOSIGNAL) < 0)
+                    break;
+                if (block.size() >= 65536)
+                    block.clear();
+            }
+        } else if (op == "ready") {
+            kill(getppid(), SIGUSR1);
+        } else if (op == "ignore_term") {
+            signal(SIGTERM, SIG_IGN);
         } else if (op == "sleep_ms") {
             usleep(static_cast<useconds_t>(std::stoul(arg)) * 1000);
         } else if (op == "close") {

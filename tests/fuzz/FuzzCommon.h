@@ -4,9 +4,12 @@
 #define TAMIX_TESTS_FUZZ_FUZZCOMMON_H
 
 #include <dirent.h>
+#include <time.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -56,6 +59,40 @@ void feedChunks(const uint8_t* data, std::size_t size, F feed)
         std::vector<char> chunk(data + pos, data + pos + n);
         feed(chunk.data(), static_cast<int>(n));
         pos += n;
+    }
+}
+
+// Bytes allocated now, as AddressSanitizer counts them; 0 without it.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+inline std::size_t allocatedBytes()
+{
+    return __sanitizer_get_current_allocated_bytes ? __sanitizer_get_current_allocated_bytes() : 0;
+}
+
+inline double cpuSeconds()
+{
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+// The resource mode (TAMIX_FUZZ_RESOURCE=1): each input is also fed this
+// many times over, and its cost must grow no faster than that.
+const int kResourceTimes = 32;
+inline bool resourceMode()
+{
+    static const bool on = std::getenv("TAMIX_FUZZ_RESOURCE") != nullptr;
+    return on;
+}
+
+// Fails when the input fed kResourceTimes over took more than a linear
+// share of processor time (with room for noise and warm caches).
+inline void expectLinear(double once, double many)
+{
+    if (many > kResourceTimes * once * 6 + 0.05) {
+        std::fprintf(stderr, "%d times the input took %.3f s, once %.3f s\n", kResourceTimes, many,
+                     once);
+        __builtin_trap();
     }
 }
 

@@ -9,7 +9,7 @@
 //     than one read can add;
 //   - memory the kernel holds besides what it counts stays small (with
 //     AddressSanitizer, which can tell what is allocated).
-// With TAMKERN_FUZZ_RESOURCE=1 the input's body is also fed 32 times over:
+// With TAMIX_FUZZ_RESOURCE=1 the input's body is also fed 32 times over:
 // processor time may grow no more than linearly, and the counted cost
 // still stays within the budget.
 //
@@ -47,8 +47,6 @@ void klog(const char* fmt, ...)
     va_end(ap);
 }
 } // namespace tamkern
-
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace {
 
@@ -298,26 +296,14 @@ private:
     std::string heard_[2];
 };
 
-double cpuSeconds()
-{
-    timespec t{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
-
-std::size_t allocated()
-{
-    return __sanitizer_get_current_allocated_bytes ? __sanitizer_get_current_allocated_bytes() : 0;
-}
-
 // Feeds the body times times over; the processor time it took.
 double run(const uint8_t* data, std::size_t size, int times)
 {
     const unsigned flags = data[2];
     std::vector<uint8_t> chunked = {data[0], data[1]};
     chunked.insert(chunked.end(), data + 3, data + size);
-    const std::size_t before = allocated();
-    const double t0 = cpuSeconds();
+    const std::size_t before = fuzz::allocatedBytes();
+    const double t0 = fuzz::cpuSeconds();
     {
         Kernel k(flags);
         int chunk = 0;
@@ -327,10 +313,10 @@ double run(const uint8_t* data, std::size_t size, int times)
             });
             // What the kernel holds and does not count: the harness's own
             // copies of what the clients heard, queue entries, records.
-            if (before &&
-                allocated() > before + k.counted() + 32 * (size + 1) * times + (4u << 20)) {
-                std::fprintf(stderr, "%zu bytes allocated, %zu counted\n", allocated() - before,
-                             k.counted());
+            if (before && fuzz::allocatedBytes() >
+                              before + k.counted() + 32 * (size + 1) * times + (4u << 20)) {
+                std::fprintf(stderr, "%zu bytes allocated, %zu counted\n",
+                             fuzz::allocatedBytes() - before, k.counted());
                 __builtin_trap();
             }
         }
@@ -338,16 +324,13 @@ double run(const uint8_t* data, std::size_t size, int times)
             k.turn();
         k.checkHeard();
     }
-    return cpuSeconds() - t0;
+    return fuzz::cpuSeconds() - t0;
 }
-
-bool gResource = false;
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    gResource = std::getenv("TAMKERN_FUZZ_RESOURCE") != nullptr;
     // FuzzCommon writes the chunk sizes in front of each seed; the flags
     // come first in the seed.
     const std::string nc = "<newclient name =\"n\" frame=\"\" features=\"can_typeset \"/>";
@@ -374,13 +357,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     if (size < 3)
         return 0;
     const double once = run(data, size, 1);
-    if (!gResource)
-        return 0;
-    const int times = 32;
-    const double many = run(data, size, times);
-    if (many > times * once * 6 + 0.05) {
-        std::fprintf(stderr, "%d times the input took %.3f s, once %.3f s\n", times, many, once);
-        __builtin_trap();
-    }
+    if (fuzz::resourceMode())
+        fuzz::expectLinear(once, run(data, size, fuzz::kResourceTimes));
     return 0;
 }

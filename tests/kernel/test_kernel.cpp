@@ -209,3 +209,42 @@ TEST(Kernel, QueriesNullHandlesAndDeletion)
 }
 
 } // namespace
+
+// The bounds: documented defaults, what a setter accepts, restoring a
+// default, and unknown names.
+TEST(Kernel, LimitsSetGetAndRestore)
+{
+    const struct {
+        int which;
+        int64_t fallback, least;
+    } limits[] = {
+        {TAM_LIMIT_MESSAGE_BYTES, 256 << 20, 1},
+        {TAM_LIMIT_PAYLOAD_BYTES, 256 << 20, 1},
+        {TAM_LIMIT_DEPTH, 256, 1},
+        {TAM_LIMIT_LIST_ENTRIES, 100000, 1},
+        {TAM_LIMIT_FORMAT_NAMES, 1024, 1},
+        {TAM_LIMIT_READY_WAIT_MS, 30000, 0},
+        {TAM_LIMIT_SEND_TIMEOUT_MS, 30000, 0},
+        {TAM_LIMIT_DELETE_GRACE_MS, 5000, 0},
+    };
+    for (const auto& l : limits) {
+        SCOPED_TRACE(l.which);
+        EXPECT_EQ(TAM_get_limit(l.which), l.fallback);
+        EXPECT_EQ(TAM_set_limit(l.which, l.least), 1);
+        EXPECT_EQ(TAM_get_limit(l.which), l.least);
+        // A size of 0 would refuse every message: refused itself.
+        if (l.least > 0) {
+            EXPECT_EQ(TAM_set_limit(l.which, 0), 0);
+            EXPECT_EQ(TAM_get_limit(l.which), l.least);
+        }
+        EXPECT_EQ(TAM_set_limit(l.which, INT64_MAX), 1);
+        // Time-outs are kept clear of overflowing a clock reading.
+        EXPECT_EQ(TAM_get_limit(l.which), l.least == 0 ? int64_t(1) << 40 : INT64_MAX);
+        EXPECT_EQ(TAM_set_limit(l.which, -5), 1);
+        EXPECT_EQ(TAM_get_limit(l.which), l.fallback);
+    }
+    for (int unknown : {0, -1, TAM_LIMIT_DELETE_GRACE_MS + 1}) {
+        EXPECT_EQ(TAM_set_limit(unknown, 5), 0);
+        EXPECT_EQ(TAM_get_limit(unknown), -1);
+    }
+}

@@ -64,12 +64,16 @@ TEST(UdsLaunch, FailuresGiveNullPromptlyAndRestoreSignals)
     EXPECT_EQ(TAM_get_uds_kernel(TAMIX_SCRIPTED_KERNEL, "nobody", 0), nullptr);
     EXPECT_EQ(TAM_new_uds_kernel("/nonexistent/dir/tamkern", nullptr), nullptr);
     expectMarkersAndNoChildren();
-    // Kernels that end before they signal readiness: at once, by a signal,
-    // a while later.
-    for (const char* steps : {"exit 0\n", "kill\n", "sleep_ms 100\nexit 3\n"}) {
+    // Kernels that end before they signal readiness (at once, by a signal,
+    // a while later), never signal it, or signal it without listening and
+    // then end or stay: none is left running or unreaped.
+    ASSERT_EQ(TAM_set_limit(TAM_LIMIT_READY_WAIT_MS, 300), 1);
+    for (const char* steps : {"exit 0\n", "kill\n", "sleep_ms 100\nexit 3\n", "sleep_ms 20000\n",
+                              "ready\nexit 0\n", "ready\nsleep_ms 20000\n"}) {
         SCOPED_TRACE(steps);
         Scenario s(steps);
         EXPECT_EQ(launch(), nullptr);
+        EXPECT_FALSE(alive(s.pid()));
         expectMarkersAndNoChildren();
     }
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));

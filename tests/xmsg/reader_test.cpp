@@ -373,3 +373,81 @@ TEST(Reader, MalformedInputCleansUpAndFailsEveryLaterChunk)
 }
 
 } // namespace
+
+// A message over a bound ends the stream as malformed input does, at the
+// same place however the stream is cut: what came before is delivered,
+// nothing after, and the reader names the bound. A message at the bound
+// passes.
+TEST(Reader, MessagesOverABoundEndTheStreamWhereverItIsCut)
+{
+    const std::string ready = "<ready cl=\"1\"/>"; // 15 bytes
+    const std::string fmt = "<format cl=\"1\" type=\"t\"><fmt name=\"";
+    const std::string fmtEnd = "\"/></format>";
+    struct Row {
+        int which;
+        int64_t value;
+        std::string stream;
+        std::vector<std::string> calls;
+    };
+    const Row rows[] = {
+        {TAM_LIMIT_DEPTH,
+         3,
+         "<output cl=\"1\"><text>a<b>b</b></text></output><output cl=\"1\"><text>a<b>b<c/>"
+         "</b></text></output>" +
+             ready,
+         {"#1 output 0 '' '' 'a'"}},
+        {TAM_LIMIT_MESSAGE_BYTES,
+         15,
+         ready + "\n \n" + ready + "<ready cl=\"1\" />" + ready,
+         {"#1 ready", "#1 ready"}},
+        // Text inside a message, and an attribute still incomplete.
+        {TAM_LIMIT_MESSAGE_BYTES,
+         60,
+         "<output cl=\"1\"><text>" + std::string(60, 'x') + "</text></output>" + ready,
+         {}},
+        {TAM_LIMIT_MESSAGE_BYTES,
+         60,
+         ready + "<help cl=\"1\" value=\"" + std::string(80, 'x'),
+         {"#1 ready"}},
+        {TAM_LIMIT_LIST_ENTRIES,
+         2,
+         "<breakpoints cl=\"1\"><breakpt/><breakpt/></breakpoints><display cl=\"1\"><dispvar/>"
+         "<dispvar/><dispvar/></display>" +
+             ready,
+         {"#1 breakpoints 2 ['',''] [0,0] ['','']"}},
+        {TAM_LIMIT_LIST_ENTRIES,
+         2,
+         "<selformat cl=\"1\" type=\"t\"><fmt name=\"a\"/><fmt name=\"a\"/><fmt name=\"a\"/>"
+         "</selformat>" +
+             ready,
+         {}},
+        {TAM_LIMIT_FORMAT_NAMES,
+         2,
+         fmt + "a" + fmtEnd + fmt + "b" + fmtEnd + fmt + "a" + fmtEnd + fmt + "c" + fmtEnd + ready,
+         {"#1 format 't' 'a'", "#1 format 't' 'b'", "#1 format 't' 'a'"}},
+        {TAM_LIMIT_FORMAT_NAMES, 10, fmt + std::string(4097, 'n') + fmtEnd + ready, {}},
+        {TAM_LIMIT_PAYLOAD_BYTES,
+         3,
+         callback(kAbc64) + callback(base64OfDeflated("abcd")) + ready,
+         {kAbcCall}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE("bound " + std::to_string(row.which) + ": " + row.stream.substr(0, 60));
+        ASSERT_EQ(TAM_set_limit(row.which, row.value), 1);
+        for (int i = -2; i < 4; ++i) {
+            Session s;
+            EXPECT_FALSE(s.feed(row.stream,
+                                i == -2   ? Split::Whole
+                                : i == -1 ? Split::Bytes
+                                          : Split::Random,
+                                i));
+            EXPECT_EQ(gCalls, row.calls) << "split " << i;
+            EXPECT_EQ(s.reader.over_limit(), row.which);
+            const int cleanups = s.reader.cleanups;
+            EXPECT_FALSE(s.feed(ready));
+            EXPECT_EQ(s.reader.cleanups, cleanups + 1);
+            EXPECT_EQ(gCalls, row.calls);
+        }
+        TAM_set_limit(row.which, -1);
+    }
+}
